@@ -1,0 +1,6 @@
+#include "app/front_end.h"
+
+int main(int argumentCount, char** arguments) {
+  webreq::prepareProcess();
+  return webreq::runCommandLine(argumentCount, arguments);
+}
