@@ -1,0 +1,115 @@
+"""What the end-to-end tests share. The tool under test is $WEBREQ, else build/release/webreq."""
+
+import contextlib
+import datetime
+import os
+import pathlib
+import ssl
+import subprocess
+import sys
+from typing import NamedTuple
+
+import pytest
+from cryptography import x509
+from cryptography.hazmat.primitives import hashes, serialization
+from cryptography.hazmat.primitives.asymmetric import ec
+
+sys.path.insert(0, str(pathlib.Path(__file__).parent))
+
+from nginx import Nginx
+from scripted_server import ScriptedServer
+
+REPOSITORY = pathlib.Path(__file__).parent.parent
+WEBREQ = os.environ.get("WEBREQ", str(REPOSITORY / "build/release/webreq"))
+
+# Proxies of the machine must not come between the tool and loopback.
+ENVIRONMENT = {name: value for name, value in os.environ.items() if not name.lower().endswith("_proxy")}
+
+
+class Answer(NamedTuple):
+    """All that a caller sees of a run."""
+
+    stdout: bytes
+    stderr: bytes = b""
+    status: int = 0
+
+
+class Tool:
+    """Runs the tool; a run that doesn't end by itself fails the test."""
+
+    path = WEBREQ
+
+    def run(self, *arguments, **options):
+        """Runs the tool with these arguments; `options` are subprocess.run's."""
+        return self.run_command([self.path, *arguments], **options)
+
+    def request(self, description, **options):
+        return self.run("-web", description, **options)
+
+    def run_command(self, command, **options):
+        """Runs a command that runs the tool."""
+        if "stdout" not in options:
+            options["stdout"] = subprocess.PIPE
+        options.setdefault("env", ENVIRONMENT)
+        run = subprocess.run(command, stderr=subprocess.PIPE, timeout=60, check=False, **options)
+        return Answer(run.stdout, run.stderr, run.returncode)
+
+
+@pytest.fixture(name="tool")
+def make_tool(tmp_path, monkeypatch):
+    """The tool, in an empty working directory."""
+    monkeypatch.chdir(tmp_path)
+    return Tool()
+
+
+@pytest.fixture
+def serve():
+    """Starts a scripted server; the arguments are ScriptedServer's."""
+    with contextlib.ExitStack() as servers:
+        yield lambda *scripts, **options: servers.enter_context(ScriptedServer(*scripts, **options))
+
+
+@pytest.fixture(name="nginx", scope="session")
+def run_nginx():
+    with Nginx() as server:
+        yield server
+
+
+class Certificate(NamedTuple):
+    """A self-signed certificate; `server_context` serves it."""
+
+    path: pathlib.Path
+    server_context: ssl.SSLContext
+
+
+@pytest.fixture(scope="session")
+def make_certificate(tmp_path_factory):
+    """Makes a self-signed certificate for `name` that is valid from `first_day` to `last_day`, counted from today."""
+
+    def make(name, first_day=-2, last_day=+2):
+        key = ec.generate_private_key(ec.SECP256R1())
+        subject = x509.Name([x509.NameAttribute(x509.NameOID.COMMON_NAME, name)])
+        today = datetime.datetime.utcnow()
+        certificate = (
+            x509.CertificateBuilder()
+            .subject_name(subject)
+            .issuer_name(subject)
+            .public_key(key.public_key())
+            .serial_number(x509.random_serial_number())
+            .not_valid_before(today + datetime.timedelta(days=first_day))
+            .not_valid_after(today + datetime.timedelta(days=last_day))
+            .add_extension(x509.SubjectAlternativeName([x509.DNSName(name)]), critical=False)
+            .sign(key, hashes.SHA256())
+        )
+        path = tmp_path_factory.mktemp("certificate") / "server.pem"
+        path.write_bytes(
+            key.private_bytes(
+                serialization.Encoding.PEM, serialization.PrivateFormat.PKCS8, serialization.NoEncryption()
+            )
+            + certificate.public_bytes(serialization.Encoding.PEM)
+        )
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(path)
+        return Certificate(path, context)
+
+    return make

@@ -1,0 +1,159 @@
+"""Which argument is the request, how its fields are read, and what a command line without one gets."""
+
+import pytest
+from conftest import Answer
+from scripted_server import reply
+
+BANNER = b"webreq v4.1.47 (20251001) / reqkit 4.1.6\n\n"
+USAGE = b"""
+-web URL|PARAM|CMD|HEADER|AGENT|TIMEOUT|OUTFILE \t executes a web request with the given parameters
+\tURL is the full server URL to access, prefixed with either "http://" or "https://"
+\tPARAMS is the param string to be sent to the server in the standard URL encoded form like this "param1=abc&param2=def"
+\tCMD is to be set to "p" for POST or "g" for GET operation, default is "g"
+\tHEADER is a list of header fields to set for the request in the format "header1: val1\\r\\nheader2; val2"
+\tAGENT is the user agent, default is "Mozilla/5.0"
+\tTIMEOUT is the timeout in milliseconds, default is 20000
+\tOUTFILE is the output file for the response, default is empty (meaning output to console)
+\tOnly URL parameter is mandatory, for all others the default values apply
+\tReturned value is HTTP return code on one line, followed by the complete response (only if OUTFILE is empty)
+"""
+
+# What libcurl sends for a GET without any further field.
+PLAIN_REQUEST = "GET {target} HTTP/1.1\r\nHost: 127.0.0.1:{port}\r\nAccept: */*\r\n\r\n"
+
+
+def plain_request(server, target):
+    return PLAIN_REQUEST.format(target=target, port=server.port).encode()
+
+
+@pytest.mark.parametrize(
+    "arguments",
+    [(), ("web",), ("-WEB", "http://127.0.0.1/"), ("- web", "x"), ("", ""), ("-we", "b")],
+    ids=repr,
+)
+def test_without_a_marker_banner_and_usage(tool, arguments):
+    assert tool.run(*arguments) == Answer(BANNER + USAGE, status=255)
+
+
+@pytest.mark.parametrize("arguments", [("-web",), ("something", "--webby")], ids=repr)
+def test_marker_as_last_argument_usage_without_banner(tool, arguments):
+    assert tool.run(*arguments) == Answer(USAGE, status=255)
+
+
+def test_marker_in_the_program_path_does_not_count(tool):
+    arguments = ["/bin/x-web", "http://127.0.0.1/"]
+    assert tool.run_command(arguments, executable=tool.path) == Answer(BANNER + USAGE, status=255)
+
+
+@pytest.mark.parametrize("marker", ["-web", "--web", "x-web", "x-webby", "-web-web", "a -web b"])
+def test_anything_that_contains_the_marker_is_one(tool, serve, marker):
+    server = serve(reply(200, b"body"))
+    assert tool.run(marker, server.url) == Answer(b"200\nbody\n")
+    assert server.requests == [plain_request(server, "/")]
+
+
+def test_arguments_before_the_marker_are_ignored(tool, serve):
+    server = serve(reply(200, b"body"))
+    assert tool.run("-WEB", "", "http://127.0.0.1:1/", "-web", server.url) == Answer(b"200\nbody\n")
+
+
+def test_second_marker_and_its_description_are_ignored(tool, serve):
+    server = serve(reply(200, b"first"), reply(200, b"second"))
+    assert tool.run("-web", server.url + "/1", "-web", server.url + "/2") == Answer(b"200\nfirst\n")
+    assert server.requests == [plain_request(server, "/1")]
+
+
+def test_marker_behind_the_marker_is_the_description(tool, serve):
+    server = serve(reply(200, b"body"))
+    answer = tool.run("-web", "-web", server.url)  # requests the URL "-web", which is no host name
+    assert answer in (Answer(b"6\n"), Answer(b"3\n"))
+    assert server.requests == []
+
+
+@pytest.mark.parametrize("description", ["", " | |x", "\t", "|", "|q=1|p|||2000|out.txt", " \t|||||5000|out.txt"])
+def test_without_a_url_no_request_and_no_file(tool, tmp_path, description):
+    (tmp_path / "out.txt").write_bytes(b"untouched")
+    assert tool.request(description) == Answer(b"-1\n")
+    assert (tmp_path / "out.txt").read_bytes() == b"untouched"
+
+
+def test_without_a_url_no_file_is_created(tool, tmp_path):
+    assert tool.request("|||||2000|out.txt") == Answer(b"-1\n")
+    assert list(tmp_path.iterdir()) == []
+
+
+@pytest.mark.parametrize(
+    "fields, target",
+    [
+        ("", "/p"),
+        ("|a=1", "/p?a=1"),
+        ("|a=1|", "/p?a=1"),
+        ("|a=1|g", "/p?a=1"),
+        ("|a=1|Get", "/p?a=1"),
+        ("|a=1|x", "/p?a=1"),
+        ("|a=1|post", "/p?p"),
+        ("|a=1|POST", "/p?p"),
+        ("|a=1|p", "/p?p"),
+        ("|a=1|put", "/p?p"),
+        ("|a=1|Patch", "/p?p"),
+        ("|a=1| p ", "/p?p"),
+        ("||POST", "/p?p"),
+        ("|-", "/p"),
+        ("|--", "/p?--"),
+        ("| - ", "/p"),
+        ("| a=1&b=%20c\t", "/p?a=1&b=%20c"),
+        ("|||||||extra|more", "/p"),
+    ],
+)
+def test_parameters_and_method_make_the_request_line(tool, serve, fields, target):
+    server = serve(reply(200))
+    assert tool.request(server.url + "/p" + fields) == Answer(b"200\n")
+    assert server.requests == [plain_request(server, target)]
+
+
+def test_url_with_a_query_gets_a_second_question_mark(tool, serve):
+    server = serve(reply(200))
+    assert tool.request(server.url + "/p?a=1|b=2") == Answer(b"200\n")
+    assert server.requests == [plain_request(server, "/p?a=1?b=2")]
+
+
+def test_blanks_around_fields_are_no_part_of_them(tool, serve):
+    server = serve(reply(200, b"body"))
+    assert tool.request(f" {server.url}/p\t| a=1 |\t| X-A: b |\tMe | 5000 | \t") == Answer(b"200\nbody\n")
+    assert server.requests == [
+        f"GET /p?a=1 HTTP/1.1\r\nHost: 127.0.0.1:{server.port}\r\nUser-Agent: Me\r\nAccept: */*\r\nX-A: b\r\n\r\n".encode()
+    ]
+
+
+def test_agent_is_sent_as_it_stands(tool, serve):
+    server = serve(reply(200))
+    assert tool.request(server.url + "/||||Mozilla/5.0 (X;\\s\u00e9)") == Answer(b"200\n")
+    assert server.requests == [
+        f"GET / HTTP/1.1\r\nHost: 127.0.0.1:{server.port}\r\nUser-Agent: Mozilla/5.0 (X;\\s\u00e9)\r\n"
+        "Accept: */*\r\n\r\n".encode()
+    ]
+
+
+def test_bytes_that_are_no_utf8_are_sent_as_they_are(tool, serve):
+    server = serve(reply(200))
+    assert tool.request(server.url.encode() + b"/|\xff\xfe=\x80|||\xc3(") == Answer(b"200\n")
+    assert server.requests == [
+        b"GET /?\xff\xfe=\x80 HTTP/1.1\r\nHost: 127.0.0.1:%d\r\nUser-Agent: \xc3(\r\nAccept: */*\r\n\r\n" % server.port
+    ]
+
+
+def test_long_parameter_string_is_sent_whole(tool, serve):
+    server = serve(reply(200))
+    parameters = "a=" + "x" * 120_000
+    assert tool.request(f"{server.url}/|{parameters}") == Answer(b"200\n")
+    assert server.requests == [plain_request(server, "/?" + parameters)]
+
+
+def test_description_of_bars_only_has_no_url(tool):
+    assert tool.request("|" * 120_000) == Answer(b"-1\n")
+
+
+def test_proxies_are_libcurls_own_matter(tool, serve, monkeypatch):
+    proxy = serve(reply(200, b"from the proxy"))
+    environment = {"http_proxy": proxy.url}
+    assert tool.request("http://example.invalid/", env=environment) == Answer(b"200\nfrom the proxy\n")

@@ -1,0 +1,59 @@
+"""Header lines as the server receives them."""
+
+import pytest
+from conftest import Answer
+from scripted_server import reply
+
+# What the caller writes in HEADER, and the header part of the request behind the Host line.
+CASES = [
+    pytest.param(b"X-A: 1", b"Accept: */*\r\nX-A: 1\r\n", id="one line"),
+    pytest.param(b"Accept:\\stext/plain", b"Accept: text/plain\r\n", id="a default is replaced"),
+    pytest.param(b"A: 1\rB: 2", b"Accept: */*\r\nA: 1\r\nB: 2\r\n", id="CR separates"),
+    pytest.param(b"A: 1\r\nB: 2", b"Accept: */*\r\nA: 1\r\n\nB: 2\r\n", id="LF stays in front of the second line"),
+    pytest.param(b"A: 1\\r\\nB: 2", b"Accept: */*\r\nA: 1\\r\\nB: 2\r\n", id="backslash r is no separator"),
+    pytest.param(b"A: 1\nB: 2", b"Accept: */*\r\nA: 1\nB: 2\r\n", id="LF alone is no separator"),
+    pytest.param(b" \rA: 1\r\t\r \t B: 2 \r", b"Accept: */*\r\nA: 1\r\nB: 2\r\n", id="blank lines and edges vanish"),
+    pytest.param(b"  X-Msg:\\shello\\sworld\t", b"Accept: */*\r\nX-Msg: hello world\r\n", id="backslash s is a space"),
+    pytest.param(b"X: a\\\\sb", b"Accept: */*\r\nX: a\\ b\r\n", id="nothing escapes a backslash s"),
+    pytest.param(b"X: a\\Sb\\", b"Accept: */*\r\nX: a\\Sb\\\r\n", id="other backslashes stay"),
+    pytest.param(b"X: \\s a\\s", b"Accept: */*\r\nX:   a \r\n", id="spaces from escapes are not trimmed"),
+    pytest.param(b"NoColonHere\rA: 1", b"Accept: */*\r\nA: 1\r\n", id="a line without a colon is dropped"),
+    pytest.param(b":value\r :v\rA: 1", b"Accept: */*\r\nA: 1\r\n", id="a line that begins with a colon is dropped"),
+    pytest.param(b"A:b:c", b"Accept: */*\r\nA:b:c\r\n", id="further colons are content"),
+    pytest.param(b"X-Blank;\rA: 1", b"Accept: */*\r\nA: 1\r\n", id="a semicolon is no colon"),
+    pytest.param(b"Accept:", b"", id="a name alone removes a default"),
+    pytest.param(b"X-Remove:", b"Accept: */*\r\n", id="a name alone sends nothing"),
+    pytest.param(b"X: \xff\x80\x01", b"Accept: */*\r\nX: \xff\x80\x01\r\n", id="bytes stay bytes"),
+    pytest.param(b"\r\r \t\r", b"Accept: */*\r\n", id="only CR and blanks"),
+    pytest.param(b"X:" + b"\\s" * 59_000 + b"e", b"Accept: */*\r\nX:" + b" " * 59_000 + b"e\r\n", id="118 KB escapes"),
+]
+
+
+@pytest.mark.parametrize("header, sent", CASES)
+def test_header_lines(tool, serve, header, sent):
+    server = serve(reply(200))
+    assert tool.request(server.url.encode() + b"/|||" + header) == Answer(b"200\n")
+    assert server.requests == [b"GET / HTTP/1.1\r\nHost: 127.0.0.1:%d\r\n%s\r\n" % (server.port, sent)]
+
+
+def test_many_lines_arrive_in_order(tool, serve):
+    server = serve(reply(200))
+    lines = [f"X-{number}: {number}" for number in range(5_000)]
+    assert tool.request(f"{server.url}/|||" + "\r".join(lines)) == Answer(b"200\n")
+    assert server.requests[0].decode().split("\r\n")[3:-2] == lines
+
+
+def test_host_line_can_be_replaced(tool, serve):
+    server = serve(reply(200))
+    assert tool.request(f"{server.url}/|||Host: example.invalid") == Answer(b"200\n")
+    assert server.requests == [b"GET / HTTP/1.1\r\nHost: example.invalid\r\nAccept: */*\r\n\r\n"]
+
+
+def test_nginx_receives_fields_over_http_2(tool, nginx):
+    answer = tool.request(f"{nginx.https_url}/echo|q=1||X-Demo:\\sa\\sb|Me/1.0")
+    assert answer == Answer(b"200\nHTTP/2.0 GET /echo?q=1\nUser-Agent: Me/1.0\nX-Demo: a b\n\n")
+
+
+def test_nginx_receives_fields_over_http_1(tool, nginx):
+    answer = tool.request(f"{nginx.http_url}/echo||post|X-Demo: c")
+    assert answer == Answer(b"200\nHTTP/1.1 GET /echo?p\nUser-Agent: \nX-Demo: c\n\n")

@@ -1,0 +1,67 @@
+"""Redirects are followed, without a limit of the tool's own; the result is the last response's."""
+
+import pytest
+from conftest import Answer
+from scripted_server import reply
+
+
+def moved(status, location, body=b"moved"):
+    return reply(status, body, f"Location: {location}")
+
+
+def targets(server):
+    return [request.split(b" ")[1] for request in server.requests]
+
+
+@pytest.mark.parametrize("status", [301, 302, 303, 307, 308])
+def test_redirect_is_followed_and_its_own_body_dropped(tool, serve, status):
+    server = serve(moved(status, "/there"), reply(200, b"here"))
+    assert tool.request(server.url + "/p|q=1||X-A: 1|Me") == Answer(b"200\nhere\n")
+    assert targets(server) == [b"/p?q=1", b"/there"]
+    assert all(b"\r\nUser-Agent: Me\r\n" in request and b"\r\nX-A: 1\r\n" in request for request in server.requests)
+
+
+@pytest.mark.parametrize(
+    "location, target", [("other", b"/a/other"), ("../up?x=1", b"/up?x=1"), ("/top", b"/top"), ("?q", b"/a/b?q")]
+)
+def test_relative_location(tool, serve, location, target):
+    server = serve(moved(302, location), reply(200, b"here"))
+    assert tool.request(server.url + "/a/b") == Answer(b"200\nhere\n")
+    assert targets(server) == [b"/a/b", target]
+
+
+def test_to_another_port(tool, serve):
+    there = serve(reply(200, b"there"))
+    assert tool.request(serve(moved(302, there.url + "/x")).url) == Answer(b"200\nthere\n")
+    assert targets(there) == [b"/x"]
+
+
+def test_to_tls(tool, serve, make_certificate):
+    there = serve(reply(200, b"safe"), tls_context=make_certificate("127.0.0.1").server_context)
+    assert tool.request(serve(moved(301, there.url + "/x")).url) == Answer(b"200\nsafe\n")
+
+
+def test_nginx_redirects_to_its_tls_server(tool, nginx):
+    page = (nginx.root / "page.html").read_bytes()
+    assert tool.request(nginx.http_url + "/secure") == Answer(b"200\n" + page + b"\n")
+
+
+def test_chain_of_25(tool, serve):
+    hops = [moved(302, f"/{hop}") for hop in range(1, 26)]
+    server = serve(*hops, reply(200, b"the end"))
+    assert tool.request(server.url + "/0") == Answer(b"200\nthe end\n")
+    assert targets(server) == [b"/%d" % hop for hop in range(26)]
+
+
+def test_to_a_missing_page(tool, serve):
+    server = serve(moved(302, "/gone"), reply(404, b"no such page"))
+    assert tool.request(server.url) == Answer(b"404\nno such page\n")
+
+
+def test_without_a_location_the_redirect_is_the_answer(tool, serve):
+    assert tool.request(serve(reply(302, b"nowhere")).url) == Answer(b"302\nnowhere\n")
+
+
+def test_to_a_scheme_that_redirects_may_not_enter(tool, serve, tmp_path):
+    (tmp_path / "secret").write_text("secret")
+    assert tool.request(serve(moved(302, f"file://{tmp_path}/secret")).url) == Answer(b"1\n")

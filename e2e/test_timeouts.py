@@ -1,0 +1,93 @@
+"""TIMEOUT in milliseconds becomes whole seconds: a thousandth of it for connecting, a 500th for the whole request.
+
+The unit tests pin the numbers that libcurl gets; these cases show that they take effect. A run may last longer than
+its time-out on a busy machine but never shorter, so only the lower bound is asserted.
+"""
+
+import contextlib
+import shutil
+import socket
+import sys
+import time
+
+import pytest
+from conftest import ENVIRONMENT, Answer
+from scripted_server import AWAIT_CLOSE, READ_REQUEST, pause, reply
+
+HALF_A_BODY = b"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nhalf\0"
+
+# TIMEOUT, seconds for connecting, seconds for the whole request.
+ROUNDING = [("2000", 2, 4), ("", 2, 4), ("1500", 1, 3), ("999", None, 1), (" +1999x", 1, 3)]
+NO_TIME_OUT = ["499", "0", "abc", "30s", "-1000", "-1", "x5000"]
+
+
+@contextlib.contextmanager
+def timed(at_least):
+    start = time.monotonic()
+    yield
+    assert time.monotonic() - start >= at_least
+
+
+@contextlib.contextmanager
+def silent_listener():
+    """A port on which connecting gets no answer: its queue is full, and nobody accepts."""
+    with contextlib.ExitStack() as sockets:
+        listener = sockets.enter_context(socket.create_server(("127.0.0.1", 0), backlog=0))
+        for _ in range(4):
+            client = sockets.enter_context(socket.socket())
+            client.setblocking(False)
+            client.connect_ex(listener.getsockname())
+        yield listener.getsockname()[1]
+
+
+@pytest.mark.parametrize("text, _, seconds", ROUNDING)
+def test_whole_request_times_out_and_keeps_what_arrived(tool, serve, text, _, seconds):
+    server = serve([READ_REQUEST, HALF_A_BODY, AWAIT_CLOSE])
+    with timed(at_least=seconds):
+        assert tool.request(f"{server.url}|||||{text}") == Answer(b"28\nhalf\0\n")
+
+
+@pytest.mark.skipif(sys.platform == "darwin", reason="a full queue refuses connections there")
+@pytest.mark.parametrize("text, seconds, total", ROUNDING)
+def test_connecting_times_out_by_itself(tool, text, seconds, total):
+    with silent_listener() as port, timed(at_least=seconds or total):
+        assert tool.request(f"http://127.0.0.1:{port}/|||||{text}") == Answer(b"28\n")
+
+
+@pytest.mark.parametrize("text", NO_TIME_OUT)
+def test_text_without_a_time_out_waits_longer_than_the_default(tool, serve, text):
+    server = serve([READ_REQUEST, pause(4.5), reply(200, b"late")])
+    assert tool.request(f"{server.url}|||||{text}") == Answer(b"200\nlate\n")
+
+
+def test_slow_answer_within_the_time_out(tool, serve):
+    server = serve([READ_REQUEST, HALF_A_BODY, pause(1.5), b"whole"])
+    assert tool.request(f"{server.url}|||||1000") == Answer(b"200\nhalf\0whole\n")
+
+
+needs_faketime = pytest.mark.skipif(not shutil.which("faketime"), reason="no faketime here")
+
+
+@pytest.fixture
+def hurried(tool):
+    """Runs the tool on a clock that goes 20 times as fast."""
+
+    def request(description):
+        environment = {**ENVIRONMENT, "ASAN_OPTIONS": "verify_asan_link_order=0"}  # faketime's library precedes asan's
+        command = ["faketime", "-f", "+0 x20", tool.path, "-web", description]
+        return tool.run_command(command, env=environment)
+
+    return request
+
+
+@needs_faketime
+def test_30_seconds_for_connecting(hurried):
+    with silent_listener() as port, timed(at_least=30 / 20):
+        assert hurried(f"http://127.0.0.1:{port}/|||||30000") == Answer(b"28\n")
+
+
+@needs_faketime
+def test_60_seconds_for_the_whole_request(hurried, serve):
+    server = serve([READ_REQUEST, HALF_A_BODY, AWAIT_CLOSE])
+    with timed(at_least=60 / 20):
+        assert hurried(f"{server.url}|||||30000") == Answer(b"28\nhalf\0\n")
