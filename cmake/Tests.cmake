@@ -1,3 +1,37 @@
 # Unit tests beside the code, linked with a recording libcurl; end-to-end tests of the built tool.
 find_package(GTest REQUIRED)
 include(GoogleTest)
+
+add_library(test_support OBJECT
+  testing/descriptors.cpp testing/failing_allocation.cpp testing/interruptions.cpp testing/recording_curl.cpp)
+target_link_libraries(test_support PUBLIC reqkit GTest::gtest PRIVATE compiler_options)
+
+# The test of what one source file of the library holds: add_unit_test(folder name library)
+function(add_unit_test folder name library)
+  add_executable(${name}_test ${folder}/${name}_test.cpp)
+  target_link_libraries(${name}_test PRIVATE test_support ${library} compiler_options GTest::gtest_main)
+  gtest_discover_tests(${name}_test PROPERTIES TIMEOUT 120 DISCOVERY_TIMEOUT 60)
+endfunction()
+
+add_unit_test(text strings reqkit)
+add_unit_test(net web_request reqkit)
+add_unit_test(app request_description front_end)
+add_unit_test(app usage front_end)
+add_unit_test(app front_end front_end)
+
+# Debian's pytest, or the one that scripts/setup installs where there are no packages of it.
+find_program(PYTEST NAMES pytest-3 pytest HINTS ${PROJECT_SOURCE_DIR}/build/venv/bin REQUIRED)
+
+# The cases of e2e/test_<name>.py, `processes` at a time.
+function(add_end_to_end_test name processes)
+  add_test(NAME e2e/${name}
+    COMMAND ${PYTEST} -q -p no:cacheprovider -n ${processes} ${PROJECT_SOURCE_DIR}/e2e/test_${name}.py)
+  set_tests_properties(e2e/${name} PROPERTIES
+    TIMEOUT 120 ENVIRONMENT "WEBREQ=$<TARGET_FILE:webreq>;PYTHONDONTWRITEBYTECODE=1")
+endfunction()
+
+add_end_to_end_test(timeouts 12)
+set_tests_properties(e2e/timeouts PROPERTIES COST 10)  # waits most of the time: starts first, beside the others
+foreach(name command_line failures headers output readme redirects responses tls)
+  add_end_to_end_test(${name} 0)
+endforeach()

@@ -1,0 +1,625 @@
+#include "app/front_end.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app/usage.h"
+#include "testing/descriptors.h"
+#include "testing/failing_allocation.h"
+#include "testing/interruptions.h"
+#include "testing/recording_curl.h"
+
+namespace webreq {
+
+namespace {
+
+using namespace std::string_literals;
+using test_support::allocationFailed;
+using test_support::Channel;
+using test_support::Descriptor;
+using test_support::FailingAllocation;
+using test_support::fileExists;
+using test_support::inQuotes;
+using test_support::Interruptions;
+using test_support::makeDatagramChannel;
+using test_support::makePipe;
+using test_support::makeTemporaryFile;
+using test_support::readAll;
+using test_support::readFile;
+using test_support::RecordingCurl;
+using test_support::Redirection;
+using test_support::TemporaryFolder;
+using test_support::writeFile;
+
+using Arguments = std::vector<const char*>;  // behind the program's path
+using Lines = std::vector<std::string>;
+
+int call(Arguments arguments) {
+  arguments.insert(arguments.begin(), "webreq");
+  return runCommandLine(static_cast<int>(arguments.size()), arguments.data());
+}
+
+// With standard output going elsewhere.
+int callWithOutput(const Descriptor& output, const Arguments& arguments) {
+  const Redirection standardOutput(STDOUT_FILENO, output);
+  return call(arguments);
+}
+
+// Its standard output and standard error; what arrives at the latter is a failure.
+struct Outcome {
+  int status;
+  std::string output;
+};
+
+bool operator==(const Outcome& left, const Outcome& right) {
+  return left.status == right.status && left.output == right.output;
+}
+
+std::ostream& operator<<(std::ostream& stream, const Outcome& outcome) {
+  return stream << "status " << outcome.status << ", output " << inQuotes(outcome.output);
+}
+
+std::string readFromStart(const Descriptor& file) {
+  lseek(file.number(), 0, SEEK_SET);
+  return readAll(file);
+}
+
+Outcome capture(const std::function<int()>& program) {
+  const Descriptor output = makeTemporaryFile();
+  const Descriptor errors = makeTemporaryFile();
+  int status = 0;
+  {
+    const Redirection standardOutput(STDOUT_FILENO, output);
+    const Redirection standardError(STDERR_FILENO, errors);
+    status = program();
+  }
+  EXPECT_EQ(readFromStart(errors), "");
+  return {status, readFromStart(output)};
+}
+
+Outcome run(const Arguments& arguments) {
+  return capture([&] { return call(arguments); });
+}
+
+Lines usageLines(bool withBanner) {
+  Lines lines;
+  if (withBanner) lines = {makeBannerLine().data(), "\n"};
+  lines.insert(lines.end(), kUsageLines.begin(), kUsageLines.end());
+  return lines;
+}
+
+std::string join(const Lines& lines) {
+  std::string text;
+  for (const std::string& line : lines) text += line;
+  return text;
+}
+
+// Those recorded calls that set an option.
+std::string callsToSet(const char* option, const RecordingCurl& curl) {
+  std::istringstream calls(curl.calls());
+  std::string found;
+  for (std::string line; std::getline(calls, line);) {
+    if (line.find("setopt "s + option + " ") == 0) found += line + "\n";
+  }
+  return found;
+}
+
+TEST(CommandLine, TheArgumentBehindTheFirstMarkerIsTheRequest) {
+  const struct {
+    const char* rule;
+    Arguments arguments;
+    const char* url;
+  } rows[] = {
+      {"a marker and a description", {"-web", "U"}, "U"},
+      {"a marker ends with -web", {"--web", "U"}, "U"},
+      {"a marker begins with -web", {"-website", "U"}, "U"},
+      {"a marker holds -web", {"x-webby", "U"}, "U"},
+      {"a marker holds -web behind a part of it", {"--we-web", "U"}, "U"},
+      {"arguments before the marker are ignored", {"", "a", "-WEB", "-we", "-web", "U"}, "U"},
+      {"arguments behind the description are ignored", {"-web", "U", "a", "b"}, "U"},
+      {"a second request is ignored", {"-web", "U1", "-web", "U2"}, "U1"},
+      {"a last marker is ignored", {"-web", "U", "-web"}, "U"},
+      {"a marker behind the marker is the description", {"-web", "-web", "U"}, "-web"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.rule);
+    const RecordingCurl curl;
+    EXPECT_EQ(run(row.arguments), (Outcome{0, "200\n"}));
+    EXPECT_EQ(callsToSet("URL", curl), "setopt URL \""s + row.url + "\"\n");
+  }
+}
+
+TEST(CommandLine, WithoutARequestItPrintsTheUsage) {
+  const struct {
+    const char* rule;
+    Arguments arguments;
+    bool withBanner;
+  } rows[] = {
+      {"no arguments", {}, true},
+      {"no marker", {"U", "a=1"}, true},
+      {"a marker in capitals is none", {"-WEB", "U"}, true},
+      {"a marker without its hyphen is none", {"web", "U"}, true},
+      {"a part of a marker is none", {"-we", "U"}, true},
+      {"a marker over two arguments is none", {"-w", "eb", "U"}, true},
+      {"an empty argument is no marker", {"", "U"}, true},
+      {"a marker alone has no request, but no banner either", {"-web"}, false},
+      {"a last marker has no request, but no banner either", {"U", "-web"}, false},
+      {"a marker and request in one argument", {"-web U"}, false},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.rule);
+    const RecordingCurl curl;
+    EXPECT_EQ(run(row.arguments), (Outcome{-1, join(usageLines(row.withBanner))}));
+    EXPECT_EQ(curl.calls(), "");
+  }
+}
+
+TEST(CommandLine, TheProgramsPathIsNoMarker) {
+  const RecordingCurl curl;
+  const Arguments withPath = {"x-web", "U"};
+  EXPECT_EQ(capture([&] { return runCommandLine(2, withPath.data()); }), (Outcome{-1, join(usageLines(true))}));
+  EXPECT_EQ(curl.calls(), "");
+}
+
+TEST(CommandLine, EvenTheProgramsPathCanBeMissing) {
+  EXPECT_EQ(capture([] { return runCommandLine(0, nullptr); }), (Outcome{-1, join(usageLines(true))}));
+}
+
+TEST(Request, WithoutAUrlIsNotMade) {
+  for (const char* const description : {"", " \t", " | |x", "|q=1|p|||2000|"}) {
+    const RecordingCurl curl;
+    EXPECT_EQ(run({"-web", description, "-web", "U"}), (Outcome{0, "-1\n"})) << description;
+    EXPECT_EQ(curl.calls(), "") << description;
+  }
+}
+
+TEST(Request, IsMadeAsDescribed) {
+  const RecordingCurl curl;
+  EXPECT_EQ(run({"-web", "U|a=1||Accept:\\stext/plain|MyAgent|5000|"}), (Outcome{0, "200\n"}));
+  EXPECT_EQ(curl.calls(), R"(global_init ALL
+easy_init
+setopt URL "U?a=1"
+setopt POST 0
+setopt CONNECTTIMEOUT 5
+setopt TIMEOUT 10
+setopt USERAGENT "MyAgent"
+setopt WRITEFUNCTION writeResponseData
+setopt WRITEDATA other
+setopt FOLLOWLOCATION 1
+setopt NOPROGRESS 0
+setopt XFERINFOFUNCTION continueTransfer
+slist_append [] "Accept: text/plain"
+setopt HTTPHEADER ["Accept: text/plain"]
+setopt SSL_VERIFYPEER 0
+setopt SSL_VERIFYHOST 0
+perform
+progress -> 0
+slist_free_all ["Accept: text/plain"]
+getinfo RESPONSE_CODE
+easy_cleanup
+global_cleanup
+)");
+}
+
+// However much the usage text offers POST and a time-out of 20000.
+TEST(Request, IsAGetWithATimeOutOf2000Milliseconds) {
+  const struct {
+    const char* description;
+    const char* url;
+  } rows[] = {{"U", "U"}, {"U|a=1|p", "U?p"}, {"U|a=1|POST", "U?p"}, {"U|a=1|g", "U?a=1"}};
+  for (const auto& row : rows) {
+    const RecordingCurl curl;
+    SCOPED_TRACE(row.description);
+    EXPECT_EQ(run({"-web", row.description}), (Outcome{0, "200\n"}));
+    EXPECT_EQ(callsToSet("URL", curl), "setopt URL \""s + row.url + "\"\n");
+    EXPECT_EQ(callsToSet("POST", curl), "setopt POST 0\n");
+    EXPECT_EQ(callsToSet("CONNECTTIMEOUT", curl), "setopt CONNECTTIMEOUT 2\n");
+    EXPECT_EQ(callsToSet("TIMEOUT", curl), "setopt TIMEOUT 4\n");
+  }
+}
+
+TEST(ResultLine, IsTheResultInDecimal) {
+  const struct {
+    CURLcode transferResult;
+    long status;
+    const char* line;
+  } rows[] = {
+      {CURLE_OK, 200, "200\n"},
+      {CURLE_OK, 404, "404\n"},
+      {CURLE_OK, 500, "500\n"},
+      {CURLE_OK, 0, "0\n"},
+      {CURLE_OK, 2147483647, "2147483647\n"},
+      {CURLE_OK, -2147483648, "-2147483648\n"},
+      {CURLE_COULDNT_RESOLVE_HOST, 200, "6\n"},
+      {CURLE_OPERATION_TIMEDOUT, 200, "28\n"},
+  };
+  for (const auto& row : rows) {
+    RecordingCurl curl;
+    curl.transferResult = row.transferResult;
+    curl.status = row.status;
+    EXPECT_EQ(run({"-web", "U"}), (Outcome{0, row.line}));
+  }
+}
+
+TEST(ResultLine, Is99WithoutAHandle) {
+  RecordingCurl curl;
+  curl.givesHandle = false;
+  EXPECT_EQ(run({"-web", "U"}), (Outcome{0, "99\n"}));
+}
+
+std::string allBytes() {
+  std::string bytes;
+  for (int byte = 0; byte < 256; ++byte) bytes += static_cast<char>(byte);
+  return bytes;
+}
+
+TEST(Body, FollowsTheResultLineWithALineFeed) {
+  const struct {
+    const char* rule;
+    std::string body;
+    std::string output;
+  } rows[] = {
+      {"a body gets a line feed", "abc", "200\nabc\n"},
+      {"an empty body gets none", "", "200\n"},
+      {"a body that ends with a line feed gets another", "abc\n", "200\nabc\n\n"},
+      {"a line feed alone is a body", "\n", "200\n\n\n"},
+      {"line breaks are not converted", "a\r\nb\nc\r", "200\na\r\nb\nc\r\n"},
+      {"NUL bytes are written", "a\0b\0"s, "200\na\0b\0\n"s},
+      {"a NUL byte alone is a body", "\0"s, "200\n\0\n"s},
+      {"every byte is written", allBytes(), "200\n" + allBytes() + "\n"},
+      {"a long body is written", std::string(1000000, 'x'), "200\n" + std::string(1000000, 'x') + "\n"},
+  };
+  for (const auto& row : rows) {
+    RecordingCurl curl;
+    curl.bodyChunks = {row.body};
+    EXPECT_EQ(run({"-web", "U"}), (Outcome{0, row.output})) << row.rule;
+  }
+}
+
+TEST(Body, OfAFailedTransferIsWhatHasArrived) {
+  RecordingCurl curl;
+  curl.bodyChunks = {"ab", "c"};
+  curl.transferResult = CURLE_OPERATION_TIMEDOUT;
+  EXPECT_EQ(run({"-web", "U"}), (Outcome{0, "28\nabc\n"}));
+}
+
+Outcome runWithOutputFile(const std::string& path) {
+  const std::string description = "U||||||" + path;
+  return run({"-web", description.c_str()});
+}
+
+TEST(OutputFile, HoldsTheBodyAndNothingElse) {
+  const struct {
+    const char* rule;
+    const char* former;
+    std::string body;
+  } rows[] = {
+      {"no line feed is added", "", "abc"},      {"a longer file is truncated", "a longer file", "abc"},
+      {"an empty body truncates", "a file", ""}, {"line breaks are not converted", "", "a\r\nb\nc\r"},
+      {"every byte is written", "", allBytes()}, {"a long body is written", "", std::string(1000000, 'x')},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.rule);
+    const TemporaryFolder folder;
+    RecordingCurl curl;
+    curl.bodyChunks = {row.body};
+    writeFile(folder.pathOf("out"), row.former);
+    EXPECT_EQ(runWithOutputFile(folder.pathOf("out")), (Outcome{0, "200\n"}));
+    EXPECT_EQ(readFile(folder.pathOf("out")), row.body);
+  }
+}
+
+TEST(OutputFile, IsCreatedEvenForAnEmptyBody) {
+  const TemporaryFolder folder;
+  const RecordingCurl curl;
+  EXPECT_EQ(runWithOutputFile(folder.pathOf("out")), (Outcome{0, "200\n"}));
+  EXPECT_EQ(readFile(folder.pathOf("out")), "");
+}
+
+TEST(OutputFile, IsCreatedReadableAndWritableButForTheMask) {
+  const TemporaryFolder folder;
+  const RecordingCurl curl;
+  const mode_t formerMask = umask(027);
+  runWithOutputFile(folder.pathOf("out"));
+  umask(formerMask);
+  struct stat status = {};
+  EXPECT_EQ(stat(folder.pathOf("out").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777U, 0640U);
+}
+
+TEST(OutputFile, TakesTheBodyOfAFailedTransfer) {
+  const TemporaryFolder folder;
+  RecordingCurl curl;
+  curl.bodyChunks = {"partial"};
+  curl.transferResult = CURLE_OPERATION_TIMEDOUT;
+  EXPECT_EQ(runWithOutputFile(folder.pathOf("out")), (Outcome{0, "28\n"}));
+  EXPECT_EQ(readFile(folder.pathOf("out")), "partial");
+}
+
+TEST(OutputFile, IsLeftAloneWithoutAUrl) {
+  const TemporaryFolder folder;
+  const RecordingCurl curl;
+  writeFile(folder.pathOf("there"), "former");
+  for (const char* const name : {"there", "missing"}) {
+    const std::string description = "|q=1|p|||2000|" + folder.pathOf(name);
+    EXPECT_EQ(run({"-web", description.c_str()}), (Outcome{0, "-1\n"}));
+  }
+  EXPECT_EQ(readFile(folder.pathOf("there")), "former");
+  EXPECT_FALSE(fileExists(folder.pathOf("missing")));
+}
+
+TEST(OutputFile, IsRelativeToTheWorkingFolder) {
+  const TemporaryFolder folder;
+  const Descriptor formerFolder(open(".", O_RDONLY));
+  RecordingCurl curl;
+  curl.bodyChunks = {"abc"};
+  EXPECT_EQ(chdir(folder.path().c_str()), 0);
+  EXPECT_EQ(runWithOutputFile("out"), (Outcome{0, "200\n"}));
+  EXPECT_EQ(fchdir(formerFolder.number()), 0);
+  EXPECT_EQ(readFile(folder.pathOf("out")), "abc");
+}
+
+TEST(OutputFile, ThatCannotBeOpenedIsSkipped) {
+  const TemporaryFolder folder;
+  RecordingCurl curl;
+  curl.bodyChunks = {"abc"};
+  EXPECT_EQ(runWithOutputFile(folder.pathOf("missing/out")), (Outcome{0, "200\n"}));
+  EXPECT_FALSE(fileExists(folder.pathOf("missing")));
+  EXPECT_EQ(runWithOutputFile(folder.path()), (Outcome{0, "200\n"}));
+}
+
+// While it lives, files can't grow above that size, and trying to is no signal.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t size) : formerHandler_(std::signal(SIGXFSZ, SIG_IGN)) {
+    getrlimit(RLIMIT_FSIZE, &former_);
+    const rlimit limit = {size, former_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileSizeLimit() {
+    setrlimit(RLIMIT_FSIZE, &former_);
+    std::signal(SIGXFSZ, formerHandler_);
+  }
+  FileSizeLimit(const FileSizeLimit&) = delete;
+  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+ private:
+  rlimit former_ = {};
+  void (*formerHandler_)(int);
+};
+
+TEST(OutputFile, ThatCannotBeWrittenIsLeftAsItIs) {
+  const TemporaryFolder folder;
+  RecordingCurl curl;
+  curl.bodyChunks = {std::string(1000, 'x')};
+  {
+    const FileSizeLimit limit(100);
+    EXPECT_EQ(runWithOutputFile(folder.pathOf("out")), (Outcome{0, "200\n"}));
+  }
+  EXPECT_EQ(readFile(folder.pathOf("out")), std::string(100, 'x'));
+}
+
+TEST(OutputFile, IsClosed) {
+  const TemporaryFolder folder;
+  const RecordingCurl curl;
+  const int lowestFree = Descriptor(dup(STDOUT_FILENO)).number();
+  runWithOutputFile(folder.pathOf("out"));
+  EXPECT_EQ(Descriptor(dup(STDOUT_FILENO)).number(), lowestFree);
+}
+
+// Opening the file truncates away what has been written to it as standard output, which is the result line.
+TEST(OutputFile, IsTouchedAfterTheResultLine) {
+  const TemporaryFolder folder;
+  const std::string description = "U||||||" + folder.pathOf("out");
+  RecordingCurl curl;
+  curl.bodyChunks = {"abc"};
+  const Descriptor output(open(folder.pathOf("out").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600));
+  EXPECT_EQ(callWithOutput(output, {"-web", description.c_str()}), 0);
+  EXPECT_EQ(readFile(folder.pathOf("out")), "abc");
+}
+
+std::string receive(const Descriptor& descriptor) {
+  std::array<char, 65536> message;
+  const ssize_t size = recv(descriptor.number(), message.data(), message.size(), 0);
+  return {message.data(), static_cast<std::size_t>(size)};
+}
+
+// Calls the tool with standard output going to a channel that a second thread reads by messages.
+Lines messagesOf(const Arguments& arguments) {
+  const Channel channel = makeDatagramChannel();
+  Lines messages;
+  std::thread reader([&] {
+    while (messages.empty() || messages.back() != "end") messages.push_back(receive(channel.readEnd));
+  });
+  callWithOutput(channel.writeEnd, arguments);
+  EXPECT_EQ(send(channel.writeEnd.number(), "end", 3, 0), 3);
+  reader.join();
+  messages.pop_back();
+  return messages;
+}
+
+TEST(Output, EachLineIsWrittenAtOnce) {
+  RecordingCurl curl;
+  EXPECT_EQ(messagesOf({}), usageLines(true));
+  EXPECT_EQ(messagesOf({"-web"}), usageLines(false));
+  EXPECT_EQ(messagesOf({"-web", "U"}), Lines{"200\n"});
+  curl.bodyChunks = {"a\nb"};
+  EXPECT_EQ(messagesOf({"-web", "U"}), (Lines{"200\n", "a\nb", "\n"}));
+}
+
+TEST(Output, NoLineFeedFollowsABodyThatCannotBeWritten) {
+  RecordingCurl curl;
+  curl.bodyChunks = {std::string(10000000, 'x')};  // too long for one message
+  EXPECT_EQ(messagesOf({"-web", "U"}), Lines{"200\n"});
+}
+
+// While it lives, writing to a pipe without a reader is no signal, as in the tool.
+class IgnoredBrokenPipe {
+ public:
+  ~IgnoredBrokenPipe() { std::signal(SIGPIPE, formerHandler_); }
+
+ private:
+  void (*formerHandler_)(int) = std::signal(SIGPIPE, SIG_IGN);
+};
+
+void expectOutputFileOnly(const Descriptor& output) {
+  const TemporaryFolder folder;
+  const std::string description = "U||||||" + folder.pathOf("out");
+  RecordingCurl curl;
+  curl.bodyChunks = {"abc"};
+  EXPECT_EQ(callWithOutput(output, {"-web", description.c_str()}), 0);
+  EXPECT_EQ(callWithOutput(output, {"-web", "U"}), 0);
+  EXPECT_EQ(callWithOutput(output, {}), -1);
+  EXPECT_EQ(readFile(folder.pathOf("out")), "abc");
+}
+
+TEST(Output, ThatCannotBeWrittenIsSkipped) {
+  const IgnoredBrokenPipe ignored;
+  expectOutputFileOnly(Descriptor(open("/dev/null", O_RDONLY)));
+  Channel withoutReader = makePipe();
+  withoutReader.readEnd.close();
+  expectOutputFileOnly(withoutReader.writeEnd);
+}
+
+std::string numberedLines(std::size_t size) {
+  std::string text;
+  for (int number = 0; text.size() < size; ++number) text += std::to_string(number) + "\n";
+  return text;
+}
+
+// Reads little by little, with an interruption of the writer before each part.
+std::string readSlowly(const Descriptor& descriptor, const Interruptions& interruptions) {
+  std::string bytes;
+  std::array<char, 16384> buffer;
+  for (;;) {
+    interruptions.await(1);
+    const ssize_t count = read(descriptor.number(), buffer.data(), buffer.size());
+    if (count <= 0) return bytes;
+    bytes.append(buffer.data(), static_cast<std::size_t>(count));
+  }
+}
+
+// What arrives of a body many times larger than the pipe it goes through.
+std::string outputThroughPipe(int flags) {
+  const Interruptions interruptions;
+  Channel pipe = makePipe();
+  EXPECT_EQ(fcntl(pipe.writeEnd.number(), F_SETFL, flags), 0);
+  std::string output;
+  std::thread reader = interruptions.startThread([&] { output = readSlowly(pipe.readEnd, interruptions); });
+  EXPECT_EQ(callWithOutput(pipe.writeEnd, {"-web", "U"}), 0);
+  pipe.writeEnd.close();
+  reader.join();
+  return output;
+}
+
+TEST(Output, ArrivesWholeThroughInterruptions) {
+  const std::string body = numberedLines(1U << 20U);
+  RecordingCurl curl;
+  curl.bodyChunks = {body};
+  EXPECT_EQ(outputThroughPipe(0), "200\n" + body + "\n");
+}
+
+TEST(Output, ArrivesWholeThroughANonBlockingPipe) {
+  const std::string body = numberedLines(1U << 20U);
+  RecordingCurl curl;
+  curl.bodyChunks = {body};
+  EXPECT_EQ(outputThroughPipe(O_NONBLOCK), "200\n" + body + "\n");
+}
+
+TEST(Output, EndsWhenTheReaderOfANonBlockingPipeLeaves) {
+  const IgnoredBrokenPipe ignored;
+  Channel pipe = makePipe();
+  EXPECT_EQ(fcntl(pipe.writeEnd.number(), F_SETFL, O_NONBLOCK), 0);
+  RecordingCurl curl;
+  curl.bodyChunks = {numberedLines(1U << 20U)};
+  std::string resultLine(4, '\0');
+  std::thread reader([&] {
+    EXPECT_EQ(read(pipe.readEnd.number(), resultLine.data(), resultLine.size()), 4);
+    pipe.readEnd.close();
+  });
+  EXPECT_EQ(callWithOutput(pipe.writeEnd, {"-web", "U"}), 0);
+  reader.join();
+  EXPECT_EQ(resultLine, "200\n");
+}
+
+TEST(OutputFile, IsOpenedThroughInterruptions) {
+  const TemporaryFolder folder;
+  const std::string pipe = folder.pathOf("out");
+  EXPECT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  RecordingCurl curl;
+  curl.bodyChunks = {"abc"};
+  std::string received;
+  const Interruptions interruptions;
+  std::thread reader = interruptions.startThread([&] {
+    interruptions.await(20);  // opening waits for a reader
+    received = readFile(pipe);
+  });
+  EXPECT_EQ(runWithOutputFile(pipe), (Outcome{0, "200\n"}));
+  reader.join();
+  EXPECT_EQ(received, "abc");
+}
+
+using AllocationPlan = FailingAllocation (*)(std::size_t);
+
+Outcome runFailing(const std::string& description, AllocationPlan plan, std::size_t index) {
+  const Arguments withPath = {"webreq", "-web", description.c_str()};
+  return capture([&] {
+    const FailingAllocation failing = plan(index);
+    return runCommandLine(static_cast<int>(withPath.size()), withPath.data());
+  });
+}
+
+// Memory that runs out during the transfer is libcurl's write error, at any other time the result -1.
+std::string expectedResultLine(const RecordingCurl& curl) {
+  return curl.calls().find("write 100 -> 0") == std::string::npos ? "-1\n" : "23\n";
+}
+
+// Returns the outcome with enough memory.
+Outcome expectResultLineWhicheverAllocationFails(const std::string& description, AllocationPlan plan) {
+  for (std::size_t index = 1;; ++index) {
+    SCOPED_TRACE("allocation " + std::to_string(index));
+    RecordingCurl curl;
+    curl.bodyChunks = {std::string(100, 'x')};
+    const Outcome outcome = runFailing(description, plan, index);
+    if (!allocationFailed()) return outcome;
+    EXPECT_EQ(outcome, (Outcome{0, expectedResultLine(curl)}));
+  }
+}
+
+TEST(FailingAllocations, LeaveOneResultLine) {
+  const TemporaryFolder folder;
+  const std::string value(100, 'v');
+  const std::string withoutFile = value + "|" + value + "|g|A: " + value + "|" + value + "|1000";
+  const std::string withFile = withoutFile + "|" + folder.pathOf("out");
+  for (const AllocationPlan plan : {FailingAllocation::once, FailingAllocation::from}) {
+    EXPECT_EQ(expectResultLineWhicheverAllocationFails(withoutFile, plan),
+              (Outcome{0, "200\n" + std::string(100, 'x') + "\n"}));
+    EXPECT_EQ(expectResultLineWhicheverAllocationFails(withFile, plan), (Outcome{0, "200\n"}));
+    EXPECT_EQ(readFile(folder.pathOf("out")), std::string(100, 'x'));
+  }
+}
+
+TEST(FailingAllocations, LeaveTheUsage) {
+  const char* const path = "webreq";
+  const Outcome outcome = capture([&] {
+    const FailingAllocation failing = FailingAllocation::from(1);
+    return runCommandLine(1, &path);
+  });
+  EXPECT_EQ(outcome, (Outcome{-1, join(usageLines(true))}));
+}
+
+}  // namespace
+
+}  // namespace webreq
