@@ -499,12 +499,13 @@ std::string numberedLines(std::size_t size) {
   return text;
 }
 
-// Reads little by little, with an interruption of the writer before each part.
+// Reads little by little. Before each part the writer is interrupted while it waits: the first time it has filled up
+// the pipe, from then on it has written nothing.
 std::string readSlowly(const Descriptor& descriptor, const Interruptions& interruptions) {
   std::string bytes;
-  std::array<char, 16384> buffer;
+  std::array<char, 65536> buffer;
   for (;;) {
-    interruptions.await(1);
+    interruptions.await(3);
     const ssize_t count = read(descriptor.number(), buffer.data(), buffer.size());
     if (count <= 0) return bytes;
     bytes.append(buffer.data(), static_cast<std::size_t>(count));
