@@ -85,18 +85,14 @@ void writeOutputFile(const std::string& path, std::string_view body) {
   close(descriptor);
 }
 
-void writeResultLine(std::int32_t result) {
+bool writeResultLine(std::int32_t result) {
   std::array<char, 16> line;
   std::snprintf(line.data(), line.size(), "%d\n", result);
-  writeLine(line.data());
+  return writeLine(line.data());
 }
 
-void deliverBody(const std::string& body, const std::string& outputFile) {
-  if (!outputFile.empty()) {
-    writeOutputFile(outputFile, body);
-  } else if (!body.empty() && writeAll(STDOUT_FILENO, body)) {
-    writeLine("\n");
-  }
+void writeBody(std::string_view body) {
+  if (!body.empty() && writeAll(STDOUT_FILENO, body)) writeLine("\n");
 }
 
 std::int32_t performRequest(const char* text, std::string& response, std::string& outputFile) noexcept {
@@ -115,8 +111,12 @@ void answerRequest(const char* text) noexcept {
   std::string response;
   std::string outputFile;
   const std::int32_t result = performRequest(text, response, outputFile);
-  writeResultLine(result);
-  deliverBody(response, outputFile);
+  const bool told = writeResultLine(result);
+  if (!outputFile.empty()) {
+    writeOutputFile(outputFile, response);
+  } else if (told) {  // a body whose result line got lost would be read as one
+    writeBody(response);
+  }
 }
 
 void printBanner() {
@@ -128,13 +128,19 @@ void printUsage() {
   for (const std::string_view line : kUsageLines) writeLine(line);
 }
 
+// A root folder without devices has itself at least, and nothing can be written to that either.
+void occupyLowestDescriptor() {
+  if (open("/dev/null", O_RDWR) == -1) open("/", O_RDONLY);
+}
+
 }  // namespace
 
 void prepareProcess() {
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    if (fcntl(descriptor, F_GETFD) == -1) open("/dev/null", O_RDWR);  // takes the lowest one free: this one
+    if (fcntl(descriptor, F_GETFD) == -1) occupyLowestDescriptor();  // which is this one
   }
   std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
 }
 
 int runCommandLine(int argumentCount, const char* const* arguments) noexcept {

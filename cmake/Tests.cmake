@@ -32,6 +32,6 @@ endfunction()
 
 add_end_to_end_test(timeouts 12)
 set_tests_properties(e2e/timeouts PROPERTIES COST 10)  # waits most of the time: starts first, beside the others
-foreach(name command_line failures headers output readme redirects responses tls)
+foreach(name command_line failures headers output readme redirects responses system_calls tls)
   add_end_to_end_test(${name} 0)
 endforeach()
