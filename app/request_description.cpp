@@ -23,13 +23,10 @@ bool beginsWithP(const std::string& command) {
 }
 
 reqkit::RequestParameters toParameters(const std::vector<std::string>& fields) {
-  reqkit::RequestParameters parameters;
-  parameters['u'] = fields[kUrl];
-  parameters['t'] = "2000";
-  parameters['c'] = "g";
+  reqkit::RequestParameters parameters = {{'u', fields[kUrl]}, {'t', "2000"}, {'c', "g"}};
   setUnlessEmpty(parameters, 'p', fields[kParam]);
   // Callers rely on this: a CMD of POST overwrites the parameter string, never the method.
-  if (beginsWithP(fields[kCmd])) parameters['p'] = "p";
+  if (beginsWithP(fields[kCmd])) parameters['p'] = 'p';
   setUnlessEmpty(parameters, 'h', fields[kHeader]);
   setUnlessEmpty(parameters, 'a', fields[kAgent]);
   setUnlessEmpty(parameters, 't', fields[kTimeout]);

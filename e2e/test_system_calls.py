@@ -16,6 +16,7 @@ from scripted_server import reply
 BODY = b"a body\0with NUL"
 WHOLE = b"200\n" + BODY + b"\n"
 
+MEMORY = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES")
 UNDER_STRACE = {**ENVIRONMENT, "ASAN_OPTIONS": "detect_leaks=0"}  # the leak check can't run there
 
 pytestmark = pytest.mark.skipif(not shutil.which("strace"), reason="no strace here")
@@ -98,6 +99,18 @@ def test_full_pipe_is_awaited_not_polled(tool, tmp_path, serve):
         assert pipe.read() == b"200\n" + body + b"\n"
         assert process.wait() == 0
     assert len((tmp_path / "trace").read_text().splitlines()) < 500
+
+
+@pytest.mark.skipif(MEMORY < 6 << 30, reason="takes 3 GiB of memory")
+def test_no_write_is_larger_than_every_system_takes(tool, tmp_path):
+    """macOS refuses to write more than 2 GiB less one byte at once."""
+    with open(tmp_path / "large", "wb") as large:
+        large.truncate((1 << 30) + 1)
+    strace = ["strace", "-f", "--seccomp-bpf", "-qq", "-o", tmp_path / "trace", "-P", "/dev/null", "-e", "trace=write"]
+    command = [*strace, tool.path, "-web", f"file://{tmp_path}/large||||||/dev/null"]
+    assert tool.run_command(command, env=UNDER_STRACE) == Answer(b"0\n")
+    sizes = [line.rsplit(" ", 1)[1] for line in (tmp_path / "trace").read_text().splitlines()]
+    assert sizes == [str(1 << 30), "1"]
 
 
 @pytest.mark.parametrize("descriptor", [0, 1, 2])
