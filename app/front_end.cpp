@@ -25,7 +25,7 @@ namespace {
 
 constexpr int kHandled = 0;
 constexpr int kNoDescription = -1;  // the process ends with status 255
-constexpr std::int32_t kNoRequest = -1;
+constexpr std::int32_t kNotPerformed = -1;
 
 bool isMarker(const char* argument) { return std::strstr(argument, "-web") != nullptr; }
 
@@ -67,7 +67,7 @@ bool writeAll(int descriptor, std::string_view bytes) {
   return true;
 }
 
-bool writeLine(std::string_view line) { return writeAll(STDOUT_FILENO, line); }
+void writeLine(std::string_view line) { writeAll(STDOUT_FILENO, line); }
 
 int openOutputFile(const std::string& path) {
   int descriptor = -1;
@@ -85,24 +85,24 @@ void writeOutputFile(const std::string& path, std::string_view body) {
   close(descriptor);
 }
 
-bool writeResultLine(std::int32_t result) {
+void writeResultLine(std::int32_t result) {
   std::array<char, 16> line;
   std::snprintf(line.data(), line.size(), "%d\n", result);
-  return writeLine(line.data());
+  writeLine(line.data());
 }
 
 void writeBody(std::string_view body) {
-  if (!body.empty() && writeAll(STDOUT_FILENO, body)) writeLine("\n");
+  if (writeAll(STDOUT_FILENO, body)) writeLine("\n");
 }
 
 std::int32_t performRequest(const char* text, std::string& response, std::string& outputFile) noexcept {
   try {
     RequestDescription description = parseRequestDescription(text);
-    if (description.parameters.empty()) return kNoRequest;
+    if (description.parameters.empty()) return kNotPerformed;
     outputFile = std::move(description.outputFile);
     return reqkit::executeWebRequest(response, description.parameters);
   } catch (...) {
-    return kNoRequest;
+    return kNotPerformed;
   }
 }
 
@@ -111,10 +111,10 @@ void answerRequest(const char* text) noexcept {
   std::string response;
   std::string outputFile;
   const std::int32_t result = performRequest(text, response, outputFile);
-  const bool told = writeResultLine(result);
+  writeResultLine(result);
   if (!outputFile.empty()) {
     writeOutputFile(outputFile, response);
-  } else if (told) {  // a body whose result line got lost would be read as one
+  } else if (!response.empty()) {
     writeBody(response);
   }
 }

@@ -11,16 +11,14 @@ namespace {
 
 enum Field : std::size_t { kUrl, kParam, kCmd, kHeader, kAgent, kTimeout, kOutfile };
 
-// Bars behind the description, so that every field exists however few the caller wrote.
+// Bars after the description, so that every field exists however few the caller wrote.
 const char* const kFurtherFields = "|||||||||||";
 
 void setUnlessEmpty(reqkit::RequestParameters& parameters, char key, const std::string& value) {
   if (!value.empty()) parameters[key] = value;
 }
 
-bool beginsWithP(const std::string& command) {
-  return command.compare(0, 1, "P") == 0 || command.compare(0, 1, "p") == 0;
-}
+bool beginsWithP(const std::string& command) { return command.find_first_of("Pp") == 0; }
 
 reqkit::RequestParameters toParameters(const std::vector<std::string>& fields) {
   reqkit::RequestParameters parameters = {{'u', fields[kUrl]}, {'t', "2000"}, {'c', "g"}};

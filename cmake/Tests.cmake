@@ -32,7 +32,7 @@ endfunction()
 
 add_end_to_end_test(timeouts 12)
 set_tests_properties(e2e/timeouts PROPERTIES COST 10)  # waits most of the time: starts first, beside the others
-foreach(name command_line failures headers output readme redirects responses system_calls tls)
+foreach(name command_line failures headers misbehaving_servers output readme redirects responses system_calls tls)
   add_end_to_end_test(${name} 0)
 endforeach()
 if(CMAKE_BUILD_TYPE STREQUAL "Release")

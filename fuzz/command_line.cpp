@@ -116,6 +116,7 @@ std::string fieldOf(const std::string& description, int index) {
 
 int run(const std::vector<std::string>& arguments) {
   std::vector<const char*> pointers;
+  pointers.reserve(arguments.size());
   for (const std::string& argument : arguments) pointers.push_back(argument.c_str());
   running = true;
   const int status = webreq::runCommandLine(static_cast<int>(pointers.size()), pointers.data());
