@@ -39,11 +39,13 @@ if(CMAKE_BUILD_TYPE STREQUAL "Release")
   add_end_to_end_test(hardening 0)
 endif()
 
-# Preloaded by e2e/faults.py, which stands by itself: it runs the tool thousands of times.
+# Preloaded into the tool by tests in e2e/.
 if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
-  add_library(failing_malloc MODULE testing/failing_malloc.cpp)
-  target_link_libraries(failing_malloc PRIVATE compiler_options ${CMAKE_DL_LIBS})
-  set_target_properties(failing_malloc PROPERTIES PREFIX "")
+  foreach(name failing_malloc hanging_resolver)
+    add_library(${name} MODULE testing/${name}.cpp)
+    target_link_libraries(${name} PRIVATE compiler_options ${CMAKE_DL_LIBS})
+    set_target_properties(${name} PROPERTIES PREFIX "")
+  endforeach()
 endif()
 
 # Each reads the seeds in fuzz/seeds/<name>.

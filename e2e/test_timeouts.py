@@ -5,6 +5,7 @@ its time-out on a busy machine, so the upper bounds are wide: connecting ends be
 """
 
 import contextlib
+import pathlib
 import shutil
 import socket
 import sys
@@ -63,6 +64,15 @@ def test_text_without_a_time_out_waits_longer_than_the_default(tool, serve, text
 def test_slow_answer_within_the_time_out(tool, serve):
     server = serve([READ_REQUEST, HALF_A_BODY, pause(1.5), b"whole"])
     assert tool.request(f"{server.url}|||||1000") == Answer(b"200\nhalf\0whole\n")
+
+
+@pytest.mark.skipif(sys.platform != "linux", reason="preloads a library")
+def test_resolver_that_hangs_is_not_cut_off(tool):
+    """libcurl waits for its resolver's thread: the result is a time-out's, the run lasts until the resolver gives up."""
+    preloaded = pathlib.Path(tool.path).with_name("hanging_resolver.so")
+    environment = {**ENVIRONMENT, "LD_PRELOAD": str(preloaded), "ASAN_OPTIONS": "verify_asan_link_order=0"}
+    with timed(at_least=2):
+        assert tool.request("http://host.invalid/|||||999", env=environment) == Answer(b"28\n")
 
 
 needs_faketime = pytest.mark.skipif(not shutil.which("faketime"), reason="no faketime here")
