@@ -49,7 +49,8 @@ class Tool:
         """Runs a command that runs the tool."""
         options.setdefault("stdout", subprocess.PIPE)
         options.setdefault("env", ENVIRONMENT)
-        run = subprocess.run(command, stderr=subprocess.PIPE, timeout=60, check=False, **options)
+        options.setdefault("timeout", 60)
+        run = subprocess.run(command, stderr=subprocess.PIPE, check=False, **options)
         return Answer(run.stdout, run.stderr, run.returncode)
 
 

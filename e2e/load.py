@@ -53,7 +53,7 @@ def test_body_over_4_gib(tool, tmp_path):
     size = (4 << 30) + 1
     with open(tmp_path / "large", "wb") as large:
         large.truncate(size)
-    assert tool.request(f"file://{tmp_path}/large||||||/dev/null") == Answer(b"0\n")
+    assert tool.request(f"file://{tmp_path}/large||||||/dev/null", timeout=600) == Answer(b"0\n")
     counted = subprocess.run(
         ["sh", "-c", '"$0" -web "$1" | wc -c', tool.path, f"file://{tmp_path}/large"],
         stdout=subprocess.PIPE,
