@@ -597,7 +597,7 @@ Outcome runWithMemory(const std::string& description) {
 
 // Returns the outcome with enough memory. That is also the outcome when the reservation for the body fails alone.
 Outcome expectResultLineWhicheverAllocationFails(const std::string& description, AllocationPlan plan) {
-  const Outcome complete = runWithMemory(description);
+  Outcome complete = runWithMemory(description);
   int harmless = 0;
   for (std::size_t index = 1;; ++index) {
     SCOPED_TRACE("allocation " + std::to_string(index));
