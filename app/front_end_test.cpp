@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "app/response_capacity.h"
 #include "app/usage.h"
 #include "testing/descriptors.h"
 #include "testing/failing_allocation.h"
@@ -26,6 +27,7 @@ namespace webreq {
 namespace {
 
 using namespace std::string_literals;
+using test_support::allocationCount;
 using test_support::allocationFailed;
 using test_support::Channel;
 using test_support::Descriptor;
@@ -625,6 +627,20 @@ TEST(FailingAllocations, LeaveOneResultLine) {
     EXPECT_EQ(expectResultLineWhicheverAllocationFails(withFile, plan), (Outcome{0, "200\n"}));
     EXPECT_EQ(readFile(folder.pathOf("out")), kSmallBody);
   }
+}
+
+std::size_t allocationsForBody(const Lines& chunks) {
+  RecordingCurl curl;
+  curl.bodyChunks = chunks;
+  runFailing("U", FailingAllocation::once, 0);
+  return allocationCount();
+}
+
+TEST(Body, GrowsInMemoryThatWasReserved) {
+  std::string response;
+  reserveResponse(response);
+  if (response.capacity() < 100000) GTEST_SKIP() << "too little memory for a reservation";
+  EXPECT_EQ(allocationsForBody(Lines(100, std::string(1000, 'x'))), allocationsForBody({}));
 }
 
 TEST(FailingAllocations, LeaveTheUsage) {
