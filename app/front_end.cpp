@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "app/request_description.h"
+#include "app/response_capacity.h"
 #include "app/usage.h"
 #include "net/web_request.h"
 
@@ -100,6 +101,7 @@ std::int32_t performRequest(const char* text, std::string& response, std::string
     RequestDescription description = parseRequestDescription(text);
     if (description.parameters.empty()) return kNotPerformed;
     outputFile = std::move(description.outputFile);
+    reserveResponse(response);
     return reqkit::executeWebRequest(response, description.parameters);
   } catch (...) {
     return kNotPerformed;

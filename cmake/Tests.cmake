@@ -16,6 +16,7 @@ endfunction()
 add_unit_test(text strings reqkit)
 add_unit_test(net web_request reqkit)
 add_unit_test(app request_description front_end)
+add_unit_test(app response_capacity front_end)
 add_unit_test(app usage front_end)
 add_unit_test(app front_end front_end)
 

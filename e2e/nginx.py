@@ -28,6 +28,7 @@ error_log {folder}/error.log;
 events {{ }}
 http {{
   access_log off;
+  large_client_header_buffers 4 256k;
   client_body_temp_path {folder}/body;
   proxy_temp_path {folder}/proxy;
   fastcgi_temp_path {folder}/fastcgi;

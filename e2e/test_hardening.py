@@ -25,6 +25,8 @@ def read_symbols():
 
 
 def test_position_independent(headers):
+    if not any("(NEEDED)" in line and "libcurl" in line for line in headers):
+        pytest.skip("the lean build gives it up for a faster start: docs/performance.md")
     assert any(line.endswith("(Position-Independent Executable file)") for line in headers)
 
 

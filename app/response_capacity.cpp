@@ -1,0 +1,56 @@
+#include "app/response_capacity.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <exception>
+
+namespace webreq {
+
+namespace {
+
+constexpr std::size_t kMebibyte = std::size_t{1} << 20U;
+
+constexpr std::size_t kCapacity = 1024 * kMebibyte;
+
+// What has to be free for it: the capacity, its double for a body that outgrows it, and room for libcurl. So a
+// reservation is never what a body or libcurl then lacks the memory for.
+constexpr std::size_t kNeeded = 3 * kCapacity + 256 * kMebibyte;
+
+bool isFree(std::size_t size) {
+  void* const space = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  return space != MAP_FAILED && munmap(space, size) == 0;
+}
+
+#ifdef MADV_HUGEPAGE
+// Filling memory by huge pages takes half the time, but each is cleared as a whole: small bodies stay in small pages,
+// even where huge ones are the system's default.
+void adviseHugePages(std::string& response) {
+  constexpr std::size_t kHugePage = 2 * kMebibyte;
+  constexpr std::size_t kSmallBody = 2 * kHugePage;
+  char* const begin = response.data();
+  const auto address = reinterpret_cast<std::uintptr_t>(begin);
+  char* const firstPage = begin - address % static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  char* const firstHugePage = begin - address % kHugePage + kHugePage + kSmallBody;
+  madvise(firstPage, static_cast<std::size_t>(firstHugePage - firstPage), MADV_NOHUGEPAGE);
+  madvise(firstHugePage, static_cast<std::size_t>(begin + response.capacity() - firstHugePage), MADV_HUGEPAGE);
+}
+#else
+void adviseHugePages(std::string& /*response*/) {}
+#endif
+
+}  // namespace
+
+void reserveResponse(std::string& response) noexcept {
+  if (!isFree(kNeeded)) return;
+  try {
+    response.reserve(kCapacity);
+    adviseHugePages(response);
+  } catch (const std::exception&) {
+    return;  // it grows as any string does
+  }
+}
+
+}  // namespace webreq
