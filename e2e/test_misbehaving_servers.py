@@ -79,7 +79,8 @@ def test_redirect_to_ftp_is_followed_and_refused_there(tool, serve):
     with socket.socket() as bound:
         bound.bind(("127.0.0.1", 0))
         location = f"Location: ftp://127.0.0.1:{bound.getsockname()[1]}/"
-        assert tool.request(serve(reply(302, b"body", location)).url) == Answer(b"7\n")
+        answer = tool.request(serve(reply(302, b"body", location)).url)
+    assert answer in (Answer(b"7\n"), Answer(b"1\n"))  # 1 from a libcurl without FTP
 
 
 def test_endless_headers(tool, serve):
