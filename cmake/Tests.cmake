@@ -2,6 +2,11 @@
 find_package(GTest REQUIRED)
 include(GoogleTest)
 
+# A universal build's tests are for the machine that runs them, as GoogleTest's library is.
+if(CMAKE_OSX_ARCHITECTURES)
+  set(CMAKE_OSX_ARCHITECTURES ${CMAKE_HOST_SYSTEM_PROCESSOR})
+endif()
+
 add_library(test_support OBJECT
   testing/descriptors.cpp testing/failing_allocation.cpp testing/interruptions.cpp testing/recording_curl.cpp)
 target_link_libraries(test_support PUBLIC reqkit GTest::gtest PRIVATE compiler_options)
