@@ -27,16 +27,19 @@ add_unit_test(app front_end front_end)
 # Debian's pytest, or the one that scripts/setup installs where there are no packages of it.
 find_program(PYTEST NAMES pytest-3 pytest HINTS ${PROJECT_SOURCE_DIR}/build/venv/bin REQUIRED)
 
+add_executable(fetch_example examples/fetch.cpp)
+target_link_libraries(fetch_example PRIVATE compiler_options)
+
 # The cases of e2e/test_<name>.py, `processes` at a time.
 function(add_end_to_end_test name processes)
   add_test(NAME e2e/${name}
     COMMAND ${PYTEST} -q -p no:cacheprovider -n ${processes} ${PROJECT_SOURCE_DIR}/e2e/test_${name}.py)
   set_tests_properties(e2e/${name} PROPERTIES
-    TIMEOUT 120 ENVIRONMENT "WEBREQ=$<TARGET_FILE:webreq>;PYTHONDONTWRITEBYTECODE=1")
+    TIMEOUT 120 ENVIRONMENT "WEBREQ=$<TARGET_FILE:webreq>;FETCH_EXAMPLE=$<TARGET_FILE:fetch_example>;PYTHONDONTWRITEBYTECODE=1")
 endfunction()
 
 add_end_to_end_test(timeouts 12)
 set_tests_properties(e2e/timeouts PROPERTIES COST 10)  # waits most of the time: starts first, beside the others
-foreach(name command_line failures headers output readme redirects responses tls)
+foreach(name command_line examples failures headers output readme redirects responses tls)
   add_end_to_end_test(${name} 0)
 endforeach()
