@@ -25,7 +25,7 @@ namespace {
 
 constexpr int kHandled = 0;
 constexpr int kNoDescription = -1;  // the process ends with status 255
-constexpr std::int32_t kNoRequest = -1;
+constexpr std::int32_t kNotPerformed = -1;
 
 bool isMarker(const char* argument) { return std::strstr(argument, "-web") != nullptr; }
 
@@ -67,7 +67,7 @@ bool writeAll(int descriptor, std::string_view bytes) {
   return true;
 }
 
-bool writeLine(std::string_view line) { return writeAll(STDOUT_FILENO, line); }
+void writeLine(std::string_view line) { writeAll(STDOUT_FILENO, line); }
 
 int openOutputFile(const std::string& path) {
   int descriptor = -1;
@@ -91,22 +91,18 @@ void writeResultLine(std::int32_t result) {
   writeLine(line.data());
 }
 
-void deliverBody(const std::string& body, const std::string& outputFile) {
-  if (!outputFile.empty()) {
-    writeOutputFile(outputFile, body);
-  } else if (!body.empty() && writeAll(STDOUT_FILENO, body)) {
-    writeLine("\n");
-  }
+void writeBody(std::string_view body) {
+  if (writeAll(STDOUT_FILENO, body)) writeLine("\n");
 }
 
 std::int32_t performRequest(const char* text, std::string& response, std::string& outputFile) noexcept {
   try {
     RequestDescription description = parseRequestDescription(text);
-    if (description.parameters.empty()) return kNoRequest;
+    if (description.parameters.empty()) return kNotPerformed;
     outputFile = std::move(description.outputFile);
     return reqkit::executeWebRequest(response, description.parameters);
   } catch (...) {
-    return kNoRequest;
+    return kNotPerformed;
   }
 }
 
@@ -116,7 +112,11 @@ void answerRequest(const char* text) noexcept {
   std::string outputFile;
   const std::int32_t result = performRequest(text, response, outputFile);
   writeResultLine(result);
-  deliverBody(response, outputFile);
+  if (!outputFile.empty()) {
+    writeOutputFile(outputFile, response);
+  } else if (!response.empty()) {
+    writeBody(response);
+  }
 }
 
 void printBanner() {
@@ -128,13 +128,19 @@ void printUsage() {
   for (const std::string_view line : kUsageLines) writeLine(line);
 }
 
+// A root folder without devices has itself at least, and nothing can be written to that either.
+void occupyLowestDescriptor() {
+  if (open("/dev/null", O_RDWR) == -1) open("/", O_RDONLY);
+}
+
 }  // namespace
 
 void prepareProcess() {
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    if (fcntl(descriptor, F_GETFD) == -1) open("/dev/null", O_RDWR);  // takes the lowest one free: this one
+    if (fcntl(descriptor, F_GETFD) == -1) occupyLowestDescriptor();  // which is this one
   }
   std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
 }
 
 int runCommandLine(int argumentCount, const char* const* arguments) noexcept {

@@ -279,7 +279,7 @@ TEST(Body, FollowsTheResultLineWithALineFeed) {
       {"NUL bytes are written", "a\0b\0"s, "200\na\0b\0\n"s},
       {"a NUL byte alone is a body", "\0"s, "200\n\0\n"s},
       {"every byte is written", allBytes(), "200\n" + allBytes() + "\n"},
-      {"a long body is written", std::string(1000000, 'x'), "200\n" + std::string(1000000, 'x') + "\n"},
+      {"a long body is written", std::string(100000, 'x'), "200\n" + std::string(100000, 'x') + "\n"},
   };
   for (const auto& row : rows) {
     RecordingCurl curl;
@@ -308,7 +308,7 @@ TEST(OutputFile, HoldsTheBodyAndNothingElse) {
   } rows[] = {
       {"no line feed is added", "", "abc"},      {"a longer file is truncated", "a longer file", "abc"},
       {"an empty body truncates", "a file", ""}, {"line breaks are not converted", "", "a\r\nb\nc\r"},
-      {"every byte is written", "", allBytes()}, {"a long body is written", "", std::string(1000000, 'x')},
+      {"every byte is written", "", allBytes()}, {"a long body is written", "", std::string(100000, 'x')},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.rule);
@@ -337,6 +337,15 @@ TEST(OutputFile, IsCreatedReadableAndWritableButForTheMask) {
   struct stat status = {};
   EXPECT_EQ(stat(folder.pathOf("out").c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777U, 0640U);
+}
+
+TEST(OutputFile, IsTruncatedWithoutAHandle) {
+  const TemporaryFolder folder;
+  writeFile(folder.pathOf("out"), "former");
+  RecordingCurl curl;
+  curl.givesHandle = false;
+  EXPECT_EQ(runWithOutputFile(folder.pathOf("out")), (Outcome{0, "99\n"}));
+  EXPECT_EQ(readFile(folder.pathOf("out")), "");
 }
 
 TEST(OutputFile, TakesTheBodyOfAFailedTransfer) {
@@ -450,6 +459,35 @@ Lines messagesOf(const Arguments& arguments) {
   return messages;
 }
 
+// Ends the process, with status 0 if an unwritten descriptor that was closed is /dev/null afterwards.
+[[noreturn]] void prepareWithClosed(int descriptor) {
+  close(descriptor);
+  prepareProcess();
+  struct stat opened = {};
+  struct stat null = {};
+  const bool isNull =
+      fstat(descriptor, &opened) == 0 && stat("/dev/null", &null) == 0 && opened.st_rdev == null.st_rdev;
+  const bool isReadAndWritten = (fcntl(descriptor, F_GETFL) & O_ACCMODE) == O_RDWR;
+  _exit(isNull && isReadAndWritten ? 0 : 1);
+}
+
+TEST(PrepareProcessDeathTest, OpensDevNullWhereAStandardDescriptorIsClosed) {
+  for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    EXPECT_EXIT(prepareWithClosed(descriptor), testing::ExitedWithCode(0), "") << descriptor;
+  }
+}
+
+TEST(PrepareProcessDeathTest, LeavesOpenDescriptorsAlone) {
+  const auto prepare = [] {
+    const Channel pipe = makePipe();
+    dup2(pipe.writeEnd.number(), STDOUT_FILENO);
+    prepareProcess();
+    char byte = 0;
+    _exit(write(STDOUT_FILENO, "x", 1) == 1 && read(pipe.readEnd.number(), &byte, 1) == 1 && byte == 'x' ? 0 : 1);
+  };
+  EXPECT_EXIT(prepare(), testing::ExitedWithCode(0), "");
+}
+
 TEST(Output, EachLineIsWrittenAtOnce) {
   RecordingCurl curl;
   EXPECT_EQ(messagesOf({}), usageLines(true));
@@ -461,7 +499,7 @@ TEST(Output, EachLineIsWrittenAtOnce) {
 
 TEST(Output, NoLineFeedFollowsABodyThatCannotBeWritten) {
   RecordingCurl curl;
-  curl.bodyChunks = {std::string(10000000, 'x')};  // too long for one message
+  curl.bodyChunks = {std::string(1U << 22U, 'x')};  // too long for one message
   EXPECT_EQ(messagesOf({"-web", "U"}), Lines{"200\n"});
 }
 
@@ -493,14 +531,15 @@ TEST(Output, ThatCannotBeWrittenIsSkipped) {
   expectOutputFileOnly(withoutReader.writeEnd);
 }
 
-std::string numberedLines(std::size_t size) {
-  std::string text;
-  for (int number = 0; text.size() < size; ++number) text += std::to_string(number) + "\n";
-  return text;
+// A megabyte without repetitions, so that no part of it can take another's place.
+std::string makeLongBody() {
+  std::string body;
+  for (int number = 0; body.size() < 1U << 20U; ++number) body += std::to_string(number) + ",";
+  return body;
 }
 
-// Reads little by little. Before each part the writer is interrupted while it waits: the first time it has filled up
-// the pipe, from then on it has written nothing.
+// Reads part by part. Before each one the writer is interrupted while it waits, more than once, so that it has written
+// nothing since the last time.
 std::string readSlowly(const Descriptor& descriptor, const Interruptions& interruptions) {
   std::string bytes;
   std::array<char, 65536> buffer;
@@ -512,39 +551,45 @@ std::string readSlowly(const Descriptor& descriptor, const Interruptions& interr
   }
 }
 
-// What arrives of a body many times larger than the pipe it goes through.
-std::string outputThroughPipe(int flags) {
+// Returns how many bytes it took.
+std::size_t fillUp(const Descriptor& pipeEnd) {
+  EXPECT_EQ(fcntl(pipeEnd.number(), F_SETFL, O_NONBLOCK), 0);
+  std::size_t size = 0;
+  while (write(pipeEnd.number(), "", 1) == 1) ++size;
+  return size;
+}
+
+// What arrives of the output through a pipe that is full to begin with.
+std::string outputThroughFullPipe(int flags) {
   const Interruptions interruptions;
   Channel pipe = makePipe();
+  const std::size_t filled = fillUp(pipe.writeEnd);
   EXPECT_EQ(fcntl(pipe.writeEnd.number(), F_SETFL, flags), 0);
   std::string output;
   std::thread reader = interruptions.startThread([&] { output = readSlowly(pipe.readEnd, interruptions); });
   EXPECT_EQ(callWithOutput(pipe.writeEnd, {"-web", "U"}), 0);
   pipe.writeEnd.close();
   reader.join();
-  return output;
+  return output.substr(filled);
 }
 
-TEST(Output, ArrivesWholeThroughInterruptions) {
-  const std::string body = numberedLines(1U << 20U);
+void expectWholeOutput(int flags) {
   RecordingCurl curl;
-  curl.bodyChunks = {body};
-  EXPECT_EQ(outputThroughPipe(0), "200\n" + body + "\n");
+  curl.bodyChunks = {makeLongBody()};
+  const std::string output = outputThroughFullPipe(flags);
+  EXPECT_TRUE(output == "200\n" + makeLongBody() + "\n") << output.size() << " bytes";
 }
 
-TEST(Output, ArrivesWholeThroughANonBlockingPipe) {
-  const std::string body = numberedLines(1U << 20U);
-  RecordingCurl curl;
-  curl.bodyChunks = {body};
-  EXPECT_EQ(outputThroughPipe(O_NONBLOCK), "200\n" + body + "\n");
-}
+TEST(Output, ArrivesWholeThroughInterruptions) { expectWholeOutput(0); }
+
+TEST(Output, ArrivesWholeThroughANonBlockingPipe) { expectWholeOutput(O_NONBLOCK); }
 
 TEST(Output, EndsWhenTheReaderOfANonBlockingPipeLeaves) {
   const IgnoredBrokenPipe ignored;
   Channel pipe = makePipe();
   EXPECT_EQ(fcntl(pipe.writeEnd.number(), F_SETFL, O_NONBLOCK), 0);
   RecordingCurl curl;
-  curl.bodyChunks = {numberedLines(1U << 20U)};
+  curl.bodyChunks = {makeLongBody()};
   std::string resultLine(4, '\0');
   std::thread reader([&] {
     EXPECT_EQ(read(pipe.readEnd.number(), resultLine.data(), resultLine.size()), 4);
@@ -593,10 +638,33 @@ Outcome expectResultLineWhicheverAllocationFails(const std::string& description,
     SCOPED_TRACE("allocation " + std::to_string(index));
     RecordingCurl curl;
     curl.bodyChunks = {std::string(100, 'x')};
-    const Outcome outcome = runFailing(description, plan, index);
+    Outcome outcome = runFailing(description, plan, index);
     if (!allocationFailed()) return outcome;
     EXPECT_EQ(outcome, (Outcome{0, expectedResultLine(curl)}));
   }
+}
+
+// Whether memory ran out once the executor had called libcurl, but before the transfer.
+bool failedInSetUp(const RecordingCurl& curl) {
+  return !curl.calls().empty() && curl.calls().find("perform") == std::string::npos;
+}
+
+TEST(FailingAllocations, InTheExecutorTruncateTheOutputFile) {
+  const TemporaryFolder folder;
+  const std::string description = "U|||A: " + std::string(100, 'v') + "|||" + folder.pathOf("out");
+  int failures = 0;
+  for (std::size_t index = 1;; ++index) {
+    SCOPED_TRACE("allocation " + std::to_string(index));
+    writeFile(folder.pathOf("out"), "former");
+    const RecordingCurl curl;
+    const Outcome outcome = runFailing(description, FailingAllocation::once, index);
+    if (!allocationFailed()) break;
+    if (!failedInSetUp(curl)) continue;
+    ++failures;
+    EXPECT_EQ(outcome, (Outcome{0, "-1\n"}));
+    EXPECT_EQ(readFile(folder.pathOf("out")), "");
+  }
+  EXPECT_GT(failures, 0);
 }
 
 TEST(FailingAllocations, LeaveOneResultLine) {

@@ -11,25 +11,20 @@ namespace {
 
 enum Field : std::size_t { kUrl, kParam, kCmd, kHeader, kAgent, kTimeout, kOutfile };
 
-// Bars behind the description, so that every field exists however few the caller wrote.
+// Bars after the description, so that every field exists however few the caller wrote.
 const char* const kFurtherFields = "|||||||||||";
 
 void setUnlessEmpty(reqkit::RequestParameters& parameters, char key, const std::string& value) {
   if (!value.empty()) parameters[key] = value;
 }
 
-bool beginsWithP(const std::string& command) {
-  return command.compare(0, 1, "P") == 0 || command.compare(0, 1, "p") == 0;
-}
+bool beginsWithP(const std::string& command) { return command.find_first_of("Pp") == 0; }
 
 reqkit::RequestParameters toParameters(const std::vector<std::string>& fields) {
-  reqkit::RequestParameters parameters;
-  parameters['u'] = fields[kUrl];
-  parameters['t'] = "2000";
-  parameters['c'] = "g";
+  reqkit::RequestParameters parameters = {{'u', fields[kUrl]}, {'t', "2000"}, {'c', "g"}};
   setUnlessEmpty(parameters, 'p', fields[kParam]);
   // Callers rely on this: a CMD of POST overwrites the parameter string, never the method.
-  if (beginsWithP(fields[kCmd])) parameters['p'] = "p";
+  if (beginsWithP(fields[kCmd])) parameters['p'] = 'p';
   setUnlessEmpty(parameters, 'h', fields[kHeader]);
   setUnlessEmpty(parameters, 'a', fields[kAgent]);
   setUnlessEmpty(parameters, 't', fields[kTimeout]);

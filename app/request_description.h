@@ -13,10 +13,11 @@ struct RequestDescription {
 };
 
 // Takes a description apart. Fields that are missing or blank read as empty, spaces and tabs around a field are not
-// part of it, fields behind OUTFILE are ignored. A field can't hold a "|": there is no quoting.
+// part of it, fields after OUTFILE are ignored. A field can't hold a "|": there is no quoting.
 //
 // A CMD that begins with P or p does not select POST: it replaces PARAM by the text "p", and the request stays a GET.
-// An empty TIMEOUT means 2000 milliseconds. Without a URL nothing else counts, OUTFILE neither.
+// An empty TIMEOUT means 2000 milliseconds. Without a URL nothing else counts, not even OUTFILE.
+// Throws nothing but std::bad_alloc.
 RequestDescription parseRequestDescription(const std::string& text);
 
 }  // namespace webreq

@@ -8,6 +8,7 @@ namespace {
 
 constexpr const char* kToolName = "webreq";
 constexpr const char* kVersion = "41";  // major and minor, a digit each
+constexpr const char* kRevision = "47";
 constexpr const char* kBuildDate = "20251001";
 constexpr const char* kLibraryName = "reqkit";
 constexpr const char* kLibraryVersion = "4.1.6";
@@ -16,8 +17,8 @@ constexpr const char* kLibraryVersion = "4.1.6";
 
 BannerLine makeBannerLine() noexcept {
   BannerLine line;
-  std::snprintf(line.data(), line.size(), "%s v%c.%s.47 (%s) / %s %s\n", kToolName, kVersion[0], kVersion + 1,
-                kBuildDate, kLibraryName, kLibraryVersion);
+  std::snprintf(line.data(), line.size(), "%s v%c.%s.%s (%s) / %s %s\n", kToolName, kVersion[0], kVersion + 1,
+                kRevision, kBuildDate, kLibraryName, kLibraryVersion);
   return line;
 }
 

@@ -1,4 +1,4 @@
-// What a command line without a request gets to read. Nothing here allocates memory.
+// What a command line without a request gets. Nothing here allocates memory.
 #pragma once
 
 #include <array>

@@ -15,7 +15,7 @@ target_link_libraries(test_support PUBLIC reqkit GTest::gtest PRIVATE compiler_o
 function(add_unit_test folder name library)
   add_executable(${name}_test ${folder}/${name}_test.cpp)
   target_link_libraries(${name}_test PRIVATE test_support ${library} compiler_options GTest::gtest_main)
-  gtest_discover_tests(${name}_test PROPERTIES TIMEOUT 120 DISCOVERY_TIMEOUT 60)
+  gtest_discover_tests(${name}_test PROPERTIES TIMEOUT 60 DISCOVERY_TIMEOUT 60)
 endfunction()
 
 add_unit_test(text strings reqkit)
@@ -40,6 +40,27 @@ endfunction()
 
 add_end_to_end_test(timeouts 12)
 set_tests_properties(e2e/timeouts PROPERTIES COST 10)  # waits most of the time: starts first, beside the others
-foreach(name command_line examples failures headers output readme redirects responses tls)
+foreach(name command_line examples failures headers misbehaving_servers output readme redirects responses system_calls tls)
   add_end_to_end_test(${name} 0)
 endforeach()
+if(CMAKE_BUILD_TYPE STREQUAL "Release")
+  add_end_to_end_test(hardening 0)
+endif()
+
+# Preloaded by e2e/faults.py, which stands by itself: it runs the tool thousands of times.
+if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
+  add_library(failing_malloc MODULE testing/failing_malloc.cpp)
+  target_link_libraries(failing_malloc PRIVATE compiler_options ${CMAKE_DL_LIBS})
+  set_target_properties(failing_malloc PROPERTIES PREFIX "")
+endif()
+
+# Each reads the seeds in fuzz/seeds/<name>.
+if(WEBREQ_FUZZ)
+  foreach(name strings command_line)
+    add_executable(fuzz_${name} fuzz/${name}.cpp)
+    target_link_libraries(fuzz_${name} PRIVATE front_end compiler_options)
+    target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
+  endforeach()
+  target_link_libraries(fuzz_command_line PRIVATE test_support)
+  target_link_options(fuzz_command_line PRIVATE LINKER:--wrap=open,--wrap=write,--wrap=close)
+endif()

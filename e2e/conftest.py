@@ -6,7 +6,6 @@ import os
 import pathlib
 import ssl
 import subprocess
-import sys
 from typing import NamedTuple
 
 import pytest
@@ -14,13 +13,13 @@ from cryptography import x509
 from cryptography.hazmat.primitives import hashes, serialization
 from cryptography.hazmat.primitives.asymmetric import ec
 
-sys.path.insert(0, str(pathlib.Path(__file__).parent))
-
 from nginx import Nginx
 from scripted_server import ScriptedServer
 
 REPOSITORY = pathlib.Path(__file__).parent.parent
-WEBREQ = os.environ.get("WEBREQ", str(REPOSITORY / "build/release/webreq"))
+WEBREQ = os.path.abspath(os.environ.get("WEBREQ", REPOSITORY / "build/release/webreq"))
+
+MEMORY = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES")  # bytes
 
 # Proxies of the machine must not come between the tool and loopback.
 ENVIRONMENT = {name: value for name, value in os.environ.items() if not name.lower().endswith("_proxy")}
@@ -48,8 +47,7 @@ class Tool:
 
     def run_command(self, command, **options):
         """Runs a command that runs the tool."""
-        if "stdout" not in options:
-            options["stdout"] = subprocess.PIPE
+        options.setdefault("stdout", subprocess.PIPE)
         options.setdefault("env", ENVIRONMENT)
         run = subprocess.run(command, stderr=subprocess.PIPE, timeout=60, check=False, **options)
         return Answer(run.stdout, run.stderr, run.returncode)

@@ -76,6 +76,10 @@ class Nginx:
         )
         self._process = _start(configuration, http, https)
 
+    @property
+    def process_id(self):
+        return self._process.pid
+
     def __enter__(self):
         return self
 

@@ -3,12 +3,15 @@
 import os
 import socket
 import subprocess
+import sys
 import threading
 
 import pytest
 from conftest import ENVIRONMENT, Answer
 from nginx import Nginx
 from scripted_server import reply
+
+needs_full = pytest.mark.skipif(not os.path.exists("/dev/full"), reason="no /dev/full here")
 
 BODY = b"a body\0with NUL"
 
@@ -27,7 +30,6 @@ def large():
 @pytest.fixture(scope="session")
 def large_url(large, tmp_path_factory):
     root = tmp_path_factory.mktemp("site")
-    root.chmod(0o755)
     (root / "large").write_bytes(large)
     with Nginx(root) as server:
         yield server.http_url + "/large"
@@ -43,6 +45,7 @@ def test_absolute_path_with_blanks_inside(tool, tmp_path, url):
     assert (tmp_path / "my  out").read_bytes() == BODY
 
 
+@pytest.mark.skipif(sys.platform == "darwin", reason="its file systems refuse such names")
 def test_name_that_is_no_utf8(tool, tmp_path, url):
     assert tool.request(url.encode() + b"||||||\xff\xfe") == Answer(b"200\n")
     assert [os.fsencode(path.name) for path in tmp_path.iterdir()] == [b"\xff\xfe"]
@@ -50,12 +53,12 @@ def test_name_that_is_no_utf8(tool, tmp_path, url):
 
 def test_longer_file_is_truncated(tool, tmp_path, url):
     (tmp_path / "out.txt").write_bytes(b"x" * 1000)
-    tool.request(f"{url}||||||out.txt")
+    assert tool.request(f"{url}||||||out.txt") == Answer(b"200\n")
     assert (tmp_path / "out.txt").read_bytes() == BODY
 
 
 def test_new_file_has_the_mode_that_the_mask_leaves(tool, tmp_path, url):
-    tool.request(f"{url}||||||out.txt", umask=0o027)
+    assert tool.request(f"{url}||||||out.txt", umask=0o027) == Answer(b"200\n")
     assert (tmp_path / "out.txt").stat().st_mode & 0o777 == 0o640
 
 
@@ -88,7 +91,7 @@ def test_partial_body_of_a_failed_request_is_delivered(tool, tmp_path, serve):
     assert (tmp_path / "out.txt").read_bytes() == b"half"
 
 
-@pytest.mark.parametrize("path", ["missing/out.txt", ".", "/dev/full", "x" * 300])
+@pytest.mark.parametrize("path", ["missing/out.txt", ".", pytest.param("/dev/full", marks=needs_full), "x" * 300])
 def test_file_that_cannot_be_written_is_skipped(tool, url, path):
     assert tool.request(f"{url}||||||{path}") == Answer(b"200\n")
 
@@ -97,26 +100,31 @@ def test_standard_output_as_the_file_gets_the_body_without_a_line_feed(tool, url
     assert tool.request(f"{url}||||||/dev/stdout") == Answer(b"200\n" + BODY)
 
 
+def start(tool, description):
+    command = [tool.path, "-web", description]
+    return subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=ENVIRONMENT)
+
+
 def test_result_line_comes_before_the_file_is_touched(tool, tmp_path, url):
     """The output file is a FIFO, which the tool can't open before this test reads from it."""
     os.mkfifo(tmp_path / "fifo")
-    with subprocess.Popen([tool.path, "-web", f"{url}||||||fifo"], stdout=subprocess.PIPE, env=ENVIRONMENT) as process:
+    with start(tool, f"{url}||||||fifo") as process:
         assert process.stdout.readline() == b"200\n"
         assert (tmp_path / "fifo").read_bytes() == BODY
-        assert process.wait() == 0
+        assert (*process.communicate(), process.returncode) == Answer(b"")
 
 
 def test_result_line_comes_before_the_body_is_taken(tool, large_url):
     """The body doesn't fit into the pipe: had it to be taken whole, the line would not be there yet."""
-    with subprocess.Popen([tool.path, "-web", large_url], stdout=subprocess.PIPE, env=ENVIRONMENT) as process:
+    with start(tool, large_url) as process:
         assert process.stdout.readline() == b"200\n"
         process.stdout.close()
-        assert process.wait() == 0
+        assert (process.stderr.read(), process.wait()) == (b"", 0)
 
 
 @pytest.mark.parametrize("closed", [(0,), (1,), (2,), (0, 1), (1, 2), (0, 2), (0, 1, 2)])
 def test_closed_standard_descriptors(tool, tmp_path, serve, closed):
-    """Neither the socket nor the file takes the place of standard output or standard error."""
+    """No answer goes anywhere but where it belongs; which descriptors are open by then is the unit tests' matter."""
     server = serve(reply(200, BODY))
     redirections = " ".join(f"{descriptor}>&-" for descriptor in closed)
     command = ["sh", "-c", f'exec "$@" {redirections}', "sh", tool.path, "-web", f"{server.url}||||||out.txt"]
@@ -129,6 +137,7 @@ def test_usage_with_closed_standard_output(tool):
     assert tool.run_command(["sh", "-c", 'exec "$@" >&-', "sh", tool.path]) == Answer(b"", status=255)
 
 
+@needs_full
 def test_full_standard_output(tool, tmp_path, serve):
     server = serve(reply(200, BODY), reply(200, BODY))
     with open("/dev/full", "wb") as full:

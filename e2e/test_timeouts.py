@@ -1,7 +1,7 @@
 """TIMEOUT in milliseconds becomes whole seconds: a thousandth of it for connecting, a 500th for the whole request.
 
 The unit tests pin the numbers that libcurl gets; these cases show that they take effect. A run may last longer than
-its time-out on a busy machine but never shorter, so only the lower bound is asserted.
+its time-out on a busy machine, so the upper bounds are wide: connecting ends before the whole request would.
 """
 
 import contextlib
@@ -22,10 +22,10 @@ NO_TIME_OUT = ["499", "0", "abc", "30s", "-1000", "-1", "x5000"]
 
 
 @contextlib.contextmanager
-def timed(at_least):
+def timed(at_least, below=60):
     start = time.monotonic()
     yield
-    assert time.monotonic() - start >= at_least
+    assert at_least <= time.monotonic() - start < below
 
 
 @contextlib.contextmanager
@@ -50,7 +50,7 @@ def test_whole_request_times_out_and_keeps_what_arrived(tool, serve, text, _, se
 @pytest.mark.skipif(sys.platform == "darwin", reason="a full queue refuses connections there")
 @pytest.mark.parametrize("text, seconds, total", ROUNDING)
 def test_connecting_times_out_by_itself(tool, text, seconds, total):
-    with silent_listener() as port, timed(at_least=seconds or total):
+    with silent_listener() as port, timed(seconds or total, below=total if seconds else 60):
         assert tool.request(f"http://127.0.0.1:{port}/|||||{text}") == Answer(b"28\n")
 
 
@@ -82,7 +82,7 @@ def hurried(tool):
 
 @needs_faketime
 def test_30_seconds_for_connecting(hurried):
-    with silent_listener() as port, timed(at_least=30 / 20):
+    with silent_listener() as port, timed(at_least=30 / 20, below=60 / 20):
         assert hurried(f"http://127.0.0.1:{port}/|||||30000") == Answer(b"28\n")
 
 

@@ -18,7 +18,8 @@ namespace reqkit {
 //   h  further header lines, separated by carriage returns; "\s" in a line stands for a space
 //   a  user agent; none is set when it is empty
 //   t  time-out in milliseconds, as text for atoi(); it becomes whole seconds: t / 1000 for connecting, t / 500 for
-//      the whole request. 0 leaves libcurl's own time-outs in force.
+//      the whole request. 0 leaves libcurl's own time-outs in force, and so does a negative number, which reaches
+//      libcurl as 2^32 plus it and is refused there. Text past the range of an int is undefined, as for atoi().
 using RequestParameters = std::map<char, std::string>;
 
 // Performs the request that `parameters` describe and replaces `response` with the body of the answer, byte for byte.
@@ -26,7 +27,7 @@ using RequestParameters = std::map<char, std::string>;
 //
 // Returns the status code of the last response (0 for a protocol that has none) when libcurl completed the transfer,
 // 4xx and 5xx included; otherwise libcurl's error code (CURLcode), and `response` holds what arrived until then.
-// Returns 99 when libcurl gave no handle, and -1 when memory ran out.
+// Returns 99, which is an error code of libcurl's too, when libcurl gave no handle, and -1 when memory ran out.
 //
 // Keys missing from `parameters` are added with empty values; values present are not changed.
 //

@@ -131,7 +131,7 @@ void recordPerform(const CURL* handle) {
 }
 
 bool deliver(const std::string& chunk) {
-  const Function function = valueOf<Function>(recording.functions, CURLOPT_WRITEFUNCTION, nullptr);
+  const auto function = valueOf<Function>(recording.functions, CURLOPT_WRITEFUNCTION, nullptr);
   void* const data = valueOf<void*>(recording.objects, CURLOPT_WRITEDATA, nullptr);
   if (function == nullptr || data == nullptr) return true;
   const auto write = reinterpret_cast<decltype(&reqkit::writeResponseData)>(function);
@@ -142,7 +142,7 @@ bool deliver(const std::string& chunk) {
 }
 
 bool reportProgress() {
-  const Function function = valueOf<Function>(recording.functions, CURLOPT_XFERINFOFUNCTION, nullptr);
+  const auto function = valueOf<Function>(recording.functions, CURLOPT_XFERINFOFUNCTION, nullptr);
   if (function == nullptr || valueOf(recording.numbers, CURLOPT_NOPROGRESS, 1L) == 1) return true;
   const int result = reinterpret_cast<decltype(&reqkit::continueTransfer)>(function)(nullptr, 4, 3, 2, 1);
   const UncountedAllocations uncounted;

@@ -23,7 +23,7 @@ void splitString(const std::string& text, char delimiter, std::vector<std::strin
 std::string trimString(const std::string& text, const std::string& characters);
 
 // Returns `source` with every `needle` replaced, from left to right. Occurrences don't overlap, and the search goes
-// on behind each replacement: what a replacement contains, or forms with its surroundings, is not replaced again.
+// on after each replacement: what a replacement contains, or forms with its surroundings, is not replaced again.
 //
 //   replaceAll("aaa", "aa", "b")  "ba"
 //   replaceAll("aabb", "ab", "")  "ab"

@@ -347,7 +347,7 @@ TEST(ReplaceAll, AnEmptyNeedleIsReplacedUntilMemoryRunsOut) {
 }
 
 void endProcessAfterMillisecondsOfWork(int milliseconds) {
-  const itimerval timer = {{0, 0}, {0, milliseconds * 1000}};
+  const itimerval timer = {{0, 0}, {0, milliseconds * 1000L}};
   setitimer(ITIMER_VIRTUAL, &timer, nullptr);
 }
 

@@ -1,0 +1,102 @@
+"""Every allocation of a whole run fails in turn, alone and with all that follow. Run it by "scripts/check faults".
+
+build/<preset>/failing_malloc.so, preloaded, makes them fail from the beginning of main on: in the tool itself and in all
+libraries that it calls.
+"""
+
+import concurrent.futures
+import itertools
+import os
+import pathlib
+import re
+
+import pytest
+from conftest import ENVIRONMENT, WEBREQ, Answer
+from nginx import Nginx
+
+PRELOADED = pathlib.Path(WEBREQ).with_name("failing_malloc.so")
+PAGE = bytes(range(256)) * 400  # libcurl delivers it in several chunks
+
+
+@pytest.fixture(name="page_url", scope="module")
+def serve_page(tmp_path_factory):
+    root = tmp_path_factory.mktemp("site")
+    (root / "page").write_bytes(PAGE)
+    with Nginx(root) as server:
+        yield server.http_url + "/page"
+
+
+def run_with_failures(tool, first, last, arguments):
+    """Returns the answer and whether the run made as many as `first` allocations."""
+    reader, writer = os.pipe()
+    failures = {"FAIL_FIRST": str(first), "FAIL_LAST": str(last), "FAIL_REPORT": str(writer)}
+    environment = {**ENVIRONMENT, "LD_PRELOAD": str(PRELOADED), **failures}
+    with open(reader, "rb") as report:
+        answer = tool.run(*arguments, env=environment, pass_fds=[writer])
+        os.close(writer)
+        return answer, report.read() == b"!"
+
+
+def fail_each(tool, alone, arguments, check):
+    """Lets allocation after allocation fail until a run gets by without; `check` takes each answer and the run's number.
+    Prints and returns how many failed."""
+
+    def run(number):
+        answer, failed = run_with_failures(tool, number, number if alone else 10**9, arguments(number))
+        check(answer, number)
+        return failed
+
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        for start in itertools.count(1, 100):
+            failed = sum(pool.map(run, range(start, start + 100)))
+            if failed < 100:
+                print(f"{start - 1 + failed} allocations failed, each in a run of its own")
+                return start - 1 + failed
+
+
+def result_and_body(output):
+    """Takes a well-formed output apart; one result line, and nothing or a body with a line feed behind it."""
+    result, body = re.fullmatch(rb"(-1|\d+)\n(?:(.+)\n)?", output, re.DOTALL).groups()
+    return int(result), body or b""
+
+
+def check_result(result, body):
+    """A status stands for the whole body, everything else for what of it had arrived."""
+    assert result in (-1, 200) or 0 < result <= 99
+    assert body == PAGE if result == 200 else PAGE.startswith(body)
+
+
+alone_or_not = pytest.mark.parametrize("alone", [True, False], ids=["alone", "from then on"])
+fields = "|q=1|g|X-A: 1\rX-B:\\s2|Me/1.0|5000|"
+
+
+@alone_or_not
+def test_body_on_standard_output(tool, page_url, alone):
+    def check(answer, _):
+        assert answer[1:] == Answer(b"")[1:]
+        check_result(*result_and_body(answer.stdout))
+
+    assert fail_each(tool, alone, lambda _: ["-web", page_url + fields], check) > 100
+
+
+@alone_or_not
+def test_body_in_a_file(tool, tmp_path, page_url, alone):
+    def check(answer, number):
+        assert answer[1:] == Answer(b"")[1:]
+        result, nothing = result_and_body(answer.stdout)
+        assert nothing == b""
+        output_file = tmp_path / str(number)
+        check_result(result, output_file.read_bytes() if output_file.exists() else b"")
+        output_file.unlink(missing_ok=True)
+
+    assert fail_each(tool, alone, lambda number: ["-web", f"{page_url}{fields}{number}"], check) > 100
+
+
+@alone_or_not
+def test_usage(tool, alone):
+    usage = tool.run()
+
+    def check(answer, _):
+        assert answer == usage
+
+    fail_each(tool, alone, lambda _: [], check)

@@ -1,0 +1,184 @@
+"""Servers that break the rules or hold the tool up: what the caller gets from each, exactly."""
+
+import itertools
+import socket
+
+import h2.config
+import h2.connection
+import h2.errors
+import h2.events
+import pytest
+from conftest import Answer
+from scripted_server import AWAIT_CLOSE, READ_REQUEST, reply
+
+OK = b"HTTP/1.1 200 OK\r\n"
+SECOND = "|||||999|"  # a time-out of one second
+
+
+def trickle(pieces):
+    """A step that sends each piece by itself, for as long as the peer takes them."""
+
+    def send(connection):
+        connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        for piece in pieces:
+            connection.sendall(piece)
+
+    return send
+
+
+def endless(piece):
+    return trickle(itertools.repeat(piece * 1000))
+
+
+def half_close(connection):
+    connection.shutdown(socket.SHUT_WR)
+
+
+def test_body_in_10000_chunks_of_one_byte(tool, serve):
+    body = bytes(range(250)) * 40
+    chunks = [b"1\r\n%c\r\n" % byte for byte in body]
+    server = serve([READ_REQUEST, OK + b"Transfer-Encoding: chunked\r\n\r\n", trickle(chunks), b"0\r\n\r\n"])
+    assert tool.request(server.url) == Answer(b"200\n" + body + b"\n")
+
+
+ANSWERS = [
+    pytest.param(
+        OK + b"".join(b"X-%04d: %s\r\n" % (line, b"x" * 40) for line in range(5000)) + b"Content-Length: 2\r\n\r\nok",
+        b"200\nok\n",
+        id="5000 header lines, 250 KB",
+    ),
+    pytest.param(OK + b"X: " + b"x" * 90_000 + b"\r\nContent-Length: 2\r\n\r\nok", b"200\nok\n", id="long header line"),
+    pytest.param(OK + b"X: " + b"x" * 300_000 + b"\r\nContent-Length: 2\r\n\r\nok", b"27\n", id="too long header line"),
+    pytest.param(b"HTTP/1.1 103 Early\r\n\r\n" * 10_000 + reply(200, b"ok"), b"200\nok\n", id="10,000 early hints"),
+    pytest.param(OK + b"Transfer-Encoding: chunked\r\n\r\n2\r\nabcd\r\n0\r\n\r\n", b"56\nab\n", id="chunk too long"),
+    pytest.param(
+        OK + b"Transfer-Encoding: chunked\r\n\r\nfffffffffffffffff\r\nab", b"56\n", id="chunk of more than 64 bits"
+    ),
+    pytest.param(OK + b"Transfer-Encoding: chunked\r\n\r\n2\r\nab\r\n", b"18\nab\n", id="no last chunk"),
+    pytest.param(OK + b"Content-Length: 2\r\nContent-Length: 4\r\n\r\nabcd", b"200\nabcd\n", id="two lengths"),
+    pytest.param(OK + b"Content-Length: -1\r\n\r\nabcd", b"8\n", id="negative length"),
+    pytest.param(
+        OK + b"Content-Length: 99999999999999999999\r\n\r\nabcd", b"200\nabcd\n", id="length of more than 64 bits"
+    ),
+    pytest.param(b"HTTP/1.1 200\r\n\r\nabcd", b"200\nabcd\n", id="no reason phrase"),
+    pytest.param(b"HTTP/9.9 200 OK\r\n\r\nabcd", b"1\n", id="unknown version"),
+    pytest.param(b"\x16\x03\x01\x02\0\x01\0" + b"\0" * 500, b"1\n", id="TLS where HTTP is expected"),
+    pytest.param(reply(302, b"body", "Location: "), b"302\nbody\n", id="empty Location"),
+    pytest.param(reply(302, b"body", "Location: http://[::1/"), b"3\n", id="malformed Location"),
+    pytest.param(reply(302, b"body", "Location: file:///etc/hostname"), b"1\n", id="Location with file:"),
+    pytest.param(reply(302, b"body", "Location: gopher://127.0.0.1/"), b"1\n", id="Location with gopher:"),
+]
+
+
+@pytest.mark.parametrize("response, printed", ANSWERS)
+def test_answer(tool, serve, response, printed):
+    assert tool.request(serve(response).url) == Answer(printed)
+
+
+def test_redirect_to_ftp_is_followed_and_refused_there(tool, serve):
+    with socket.socket() as bound:
+        bound.bind(("127.0.0.1", 0))
+        location = f"Location: ftp://127.0.0.1:{bound.getsockname()[1]}/"
+        assert tool.request(serve(reply(302, b"body", location)).url) == Answer(b"7\n")
+
+
+def test_endless_headers(tool, serve):
+    server = serve([READ_REQUEST, OK, endless(b"X: y\r\n")])
+    answer = tool.request(server.url + SECOND)
+    assert answer in (Answer(b"28\n"), Answer(b"56\n"))  # 56 where libcurl limits the size of all headers
+
+
+def test_endless_body(tool, serve):
+    server = serve([READ_REQUEST, OK + b"\r\n", endless(b"x")])
+    answer = tool.request(server.url + SECOND)
+    body = answer.stdout[3:-1]
+    assert answer == Answer(b"28\n" + body + b"\n")
+    assert len(body) > 0 and body == b"x" * len(body)
+
+
+def test_endless_redirects(tool, serve):
+    again = reply(302, b"", "Location: /again")
+    server = serve(*[again] * 100_000)
+    answer = tool.request(server.url + SECOND)  # libcurl may limit redirects (47) or the size of all headers (56)
+    assert answer in (Answer(b"28\n"), Answer(b"47\n"), Answer(b"56\n"))
+    assert len(server.requests) > 20
+
+
+def test_silence(tool, serve):
+    assert tool.request(serve([AWAIT_CLOSE]).url + SECOND) == Answer(b"28\n")
+
+
+def test_half_close_behind_the_body(tool, serve):
+    server = serve([READ_REQUEST, OK + b"\r\nbody", half_close, AWAIT_CLOSE])
+    assert tool.request(server.url) == Answer(b"200\nbody\n")
+
+
+def test_half_close_before_the_request(tool, serve):
+    assert tool.request(serve([half_close, AWAIT_CLOSE]).url) == Answer(b"52\n")
+
+
+def test_tls_cut_off_in_the_handshake(tool, serve):
+    server = serve([lambda connection: connection.recv(5)])
+    assert tool.request(f"https://127.0.0.1:{server.port}/") == Answer(b"35\n")
+
+
+@pytest.fixture
+def tls(make_certificate):
+    return make_certificate("127.0.0.1").server_context
+
+
+def abandon(connection):
+    """Closes the TCP connection below TLS, which gets no chance to say good-bye."""
+    socket.socket(fileno=connection.detach()).close()
+
+
+def test_tls_without_close_notify_behind_a_whole_body(tool, serve, tls):
+    server = serve([READ_REQUEST, OK + b"Content-Length: 4\r\n\r\nbody", abandon], tls_context=tls)
+    assert tool.request(server.url) == Answer(b"200\nbody\n")
+
+
+def test_tls_without_close_notify_where_only_it_would_end_the_body(tool, serve, tls):
+    """Some builds of libcurl let it pass; none loses what arrived."""
+    server = serve([READ_REQUEST, OK + b"\r\nbody", abandon], tls_context=tls)
+    assert tool.request(server.url) in (Answer(b"200\nbody\n"), Answer(b"56\nbody\n"))
+
+
+def http2(ending):
+    """A step that answers by HTTP/2 with half a body and, once that was received, lets `ending` have its way."""
+
+    def answer(connection):
+        protocol = h2.connection.H2Connection(h2.config.H2Configuration(client_side=False))
+        protocol.initiate_connection()
+        stream = await_event(protocol, connection, h2.events.RequestReceived).stream_id
+        protocol.send_headers(stream, [(":status", "200"), ("content-length", "10")])
+        protocol.send_data(stream, b"half\0")
+        protocol.ping(b"received")
+        await_event(protocol, connection, h2.events.PingAckReceived)
+        ending(protocol, stream)
+        connection.sendall(protocol.data_to_send())
+
+    return answer
+
+
+def await_event(protocol, connection, kind):
+    while True:
+        connection.sendall(protocol.data_to_send())
+        for event in protocol.receive_data(connection.recv(65536)):
+            if isinstance(event, kind):
+                return event
+
+
+@pytest.mark.parametrize(
+    "ending, then, printed",
+    [
+        pytest.param(
+            lambda h2, stream: h2.send_data(stream, b"whole", True), AWAIT_CLOSE, b"200\nhalf\0whole\n", id="end"
+        ),
+        pytest.param(lambda h2, stream: h2.reset_stream(stream, 2), AWAIT_CLOSE, b"92\nhalf\0\n", id="RST_STREAM"),
+        pytest.param(lambda h2, stream: h2.close_connection(2, b"", 0), AWAIT_CLOSE, b"16\nhalf\0\n", id="GOAWAY"),
+        pytest.param(lambda h2, stream: None, b"", b"18\nhalf\0\n", id="close"),
+    ],
+)
+def test_http_2_that_ends_in_the_middle_of_the_body(tool, serve, tls, ending, then, printed):
+    tls.set_alpn_protocols(["h2"])
+    assert tool.request(serve([http2(ending), then], tls_context=tls).url) == Answer(printed)
