@@ -2,6 +2,11 @@
 find_package(GTest REQUIRED)
 include(GoogleTest)
 
+# A universal build's tests are for the machine that runs them, as GoogleTest's library is.
+if(CMAKE_OSX_ARCHITECTURES)
+  set(CMAKE_OSX_ARCHITECTURES ${CMAKE_HOST_SYSTEM_PROCESSOR})
+endif()
+
 add_library(test_support OBJECT
   testing/descriptors.cpp testing/failing_allocation.cpp testing/interruptions.cpp testing/recording_curl.cpp)
 target_link_libraries(test_support PUBLIC reqkit GTest::gtest PRIVATE compiler_options)
@@ -23,17 +28,20 @@ add_unit_test(app front_end front_end)
 # Debian's pytest, or the one that scripts/setup installs where there are no packages of it.
 find_program(PYTEST NAMES pytest-3 pytest HINTS ${PROJECT_SOURCE_DIR}/build/venv/bin REQUIRED)
 
+add_executable(fetch_example examples/fetch.cpp)
+target_link_libraries(fetch_example PRIVATE compiler_options)
+
 # The cases of e2e/test_<name>.py, `processes` at a time.
 function(add_end_to_end_test name processes)
   add_test(NAME e2e/${name}
     COMMAND ${PYTEST} -q -p no:cacheprovider -n ${processes} ${PROJECT_SOURCE_DIR}/e2e/test_${name}.py)
   set_tests_properties(e2e/${name} PROPERTIES
-    TIMEOUT 120 ENVIRONMENT "WEBREQ=$<TARGET_FILE:webreq>;PYTHONDONTWRITEBYTECODE=1")
+    TIMEOUT 120 ENVIRONMENT "WEBREQ=$<TARGET_FILE:webreq>;FETCH_EXAMPLE=$<TARGET_FILE:fetch_example>;PYTHONDONTWRITEBYTECODE=1")
 endfunction()
 
 add_end_to_end_test(timeouts 12)
 set_tests_properties(e2e/timeouts PROPERTIES COST 10)  # waits most of the time: starts first, beside the others
-foreach(name command_line failures headers misbehaving_servers output readme redirects responses system_calls tls)
+foreach(name command_line examples failures headers misbehaving_servers output readme redirects responses system_calls tls)
   add_end_to_end_test(${name} 0)
 endforeach()
 if(CMAKE_BUILD_TYPE STREQUAL "Release")

@@ -1,4 +1,4 @@
-"""What the README shows is what happens."""
+"""What the README and the manual page show is what happens."""
 
 import os
 import re
@@ -14,9 +14,18 @@ def block(language):
     return re.search(rf"```{language}\n(.*?)```", README, re.DOTALL)[1]
 
 
-def console_examples():
+def manual_examples():
+    """The manual page's displays as they are shown."""
+    source = (REPOSITORY / "docs/webreq.1").read_text()
+    displays = "".join(re.findall(r"^\.Bd -literal.*\n((?:(?!\.Ed).*\n)*)", source, re.MULTILINE))
+    for escape, shown in [(r"\(aq", "'"), (r"\-", "-"), (r"\e", "\\")]:
+        displays = displays.replace(escape, shown)
+    return displays
+
+
+def console_examples(text):
     """Pairs of a command line and what it prints."""
-    examples = re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", block("console"), re.MULTILINE)
+    examples = re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", text, re.MULTILINE)
     assert len(examples) > 5
     return examples
 
@@ -30,8 +39,9 @@ def shell(tool, tmp_path):
     return lambda line, **variables: tool.run_command(["sh", "-c", line], env={**environment, **variables})
 
 
-def test_console_examples(shell, nginx):
-    for command, printed in console_examples():
+@pytest.mark.parametrize("text", [block("console"), manual_examples()], ids=["readme", "manual"])
+def test_console_examples(shell, nginx, text):
+    for command, printed in console_examples(text):
         for shown, real in [("http://127.0.0.1:8080", nginx.http_url), ("https://127.0.0.1:8443", nginx.https_url)]:
             command = command.replace(shown, real)
         assert shell(command) == Answer(printed.encode()), command

@@ -1,0 +1,76 @@
+"""The callers in examples/: each prints the exact body of an answer, and fails when the request does."""
+
+import os
+import re
+import shutil
+import subprocess
+
+import pytest
+from conftest import ENVIRONMENT, REPOSITORY, Answer
+from scripted_server import reply
+
+EXAMPLES = REPOSITORY / "examples"
+
+BODIES = [b"", b"body", b"\n", b"\0", b"\0a\nb\0\n\n", b"\n\nends with a line feed\n", bytes(range(256)) * 1000]
+
+
+def compile_swift(folder):
+    subprocess.run(["swiftc", EXAMPLES / "fetch.swift", "-o", folder / "fetch"], check=True)
+    return [folder / "fetch"]
+
+
+# How each is started; what has to be there for it.
+CALLERS = {
+    "sh": lambda _: ["sh", EXAMPLES / "fetch.sh"],
+    "python3": lambda _: ["python3", EXAMPLES / "fetch.py"],
+    "node": lambda _: ["node", EXAMPLES / "fetch.mjs"],
+    "c++": lambda _: [os.environ["FETCH_EXAMPLE"]],
+    "swiftc": compile_swift,
+}
+
+
+def has(program):
+    return "FETCH_EXAMPLE" in os.environ if program == "c++" else shutil.which(program)
+
+
+@pytest.fixture(scope="session", params=CALLERS)
+def command(request, tmp_path_factory):
+    if not has(request.param):
+        pytest.skip(f"there is no {request.param} here")
+    return CALLERS[request.param](tmp_path_factory.mktemp("caller"))
+
+
+@pytest.fixture
+def run(tool, tmp_path):
+    """Runs a caller that finds the tool as "webreq"."""
+    (tmp_path / "bin").mkdir()
+    (tmp_path / "bin/webreq").symlink_to(tool.path)
+    environment = {**ENVIRONMENT, "PATH": f"{tmp_path}/bin:{os.environ['PATH']}"}
+    return lambda *command: tool.run_command(command, env=environment)
+
+
+@pytest.mark.parametrize("body", BODIES, ids=lambda body: repr(body[:10]))
+def test_body_arrives_unchanged(run, serve, command, body):
+    assert run(*command, serve(reply(200, body)).url) == Answer(body)
+
+
+def test_error_status_is_a_failure(run, serve, command):
+    answer = run(*command, serve(reply(404, b"no such page")).url)
+    assert answer == Answer(b"", b"fetch: the result is 404\n", 1)
+
+
+def test_failed_transfer_is_a_failure(run, command):
+    assert run(*command, "nonsense://127.0.0.1/") == Answer(b"", b"fetch: the result is 1\n", 1)
+
+
+def test_a_bar_in_the_url_begins_no_field(run, serve, command, tmp_path):
+    server = serve(reply(200, b"body"))
+    assert run(*command, f"{server.url}/||||||{tmp_path}/out.txt") == Answer(b"body")
+    assert server.requests[0].startswith(b"GET /%7C%7C%7C%7C%7C%7C")
+    assert not (tmp_path / "out.txt").exists()
+
+
+def test_fan_out(run, nginx):
+    answer = run(EXAMPLES / "fan-out.sh", nginx.http_url + "/page.html", "1000", "4")
+    assert re.fullmatch(rb" *1000 200\n[1-9]\d* requests a second\n", answer.stdout), answer
+    assert (answer.stderr, answer.status) == (b"", 0)

@@ -1,0 +1,74 @@
+// fetch URL: the body of the answer on standard output. Exits with status 1 when the request fails.
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <iostream>
+#include <stdexcept>
+#include <string>
+
+extern char** environ;  // NOLINT(readability-redundant-declaration): only glibc declares it
+
+namespace {
+
+struct Answer {
+  int result;  // a status code, or a failure code below 100
+  std::string body;
+};
+
+// A bar would begin the next field.
+std::string escapeBars(std::string url) {
+  for (std::size_t bar = 0; (bar = url.find('|', bar)) != std::string::npos;) url.replace(bar, 1, "%7C");
+  return url;
+}
+
+pid_t startWithOutput(const std::array<const char*, 4>& command, int output) {
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+  pid_t process = 0;
+  const int error =
+      posix_spawnp(&process, command[0], &actions, nullptr, const_cast<char* const*>(command.data()), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (error != 0) throw std::runtime_error("webreq can't be started");
+  return process;
+}
+
+std::string readAll(int descriptor) {
+  std::string bytes;
+  std::array<char, 65536> buffer;
+  ssize_t count = 0;
+  while ((count = read(descriptor, buffer.data(), buffer.size())) > 0) {
+    bytes.append(buffer.data(), static_cast<std::size_t>(count));
+  }
+  return bytes;
+}
+
+Answer request(const std::string& url) {
+  std::array<int, 2> ends = {};
+  if (pipe(ends.data()) != 0) throw std::runtime_error("there is no pipe to be had");
+  const std::string description = escapeBars(url);
+  const pid_t process = startWithOutput({"webreq", "-web", description.c_str(), nullptr}, ends[1]);
+  close(ends[1]);
+  std::string output = readAll(ends[0]);
+  close(ends[0]);
+  waitpid(process, nullptr, 0);
+  const std::size_t lineEnd = output.find('\n');
+  if (lineEnd == std::string::npos) throw std::runtime_error("webreq gave no answer");
+  if (output.size() > lineEnd + 1) output.pop_back();  // the line feed behind the body
+  return {std::stoi(output), output.substr(lineEnd + 1)};
+}
+
+}  // namespace
+
+int main(int, char** arguments) try {
+  const Answer answer = request(arguments[1]);
+  if (answer.result < 200 || answer.result > 299) {
+    throw std::runtime_error("the result is " + std::to_string(answer.result));
+  }
+  std::cout << answer.body << std::flush;
+} catch (const std::exception& error) {
+  std::cerr << "fetch: " << error.what() << '\n';
+  return 1;
+}
