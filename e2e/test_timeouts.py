@@ -6,6 +6,7 @@ its time-out on a busy machine, so the upper bounds are wide: connecting ends be
 
 import contextlib
 import pathlib
+import select
 import shutil
 import socket
 import sys
@@ -31,14 +32,11 @@ def timed(at_least, below=60):
 
 @contextlib.contextmanager
 def silent_listener():
-    """A port on which connecting gets no answer: its queue is full, and nobody accepts."""
-    with contextlib.ExitStack() as sockets:
-        listener = sockets.enter_context(socket.create_server(("127.0.0.1", 0), backlog=0))
-        for _ in range(4):
-            client = sockets.enter_context(socket.socket())
-            client.setblocking(False)
-            client.connect_ex(listener.getsockname())
-        yield listener.getsockname()[1]
+    """A port on which connecting gets no answer: one connection fills its queue, and nobody accepts."""
+    with socket.create_server(("127.0.0.1", 0), backlog=0) as listener:
+        with socket.create_connection(listener.getsockname()):
+            select.select([listener], [], [])  # the connection is in the queue
+            yield listener.getsockname()[1]
 
 
 @pytest.mark.parametrize("text, _, seconds", ROUNDING)
