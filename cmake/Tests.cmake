@@ -40,7 +40,7 @@ function(add_end_to_end_test name processes)
 endfunction()
 
 add_end_to_end_test(timeouts 12)
-set_tests_properties(e2e/timeouts PROPERTIES COST 10)  # waits most of the time: starts first, beside the others
+set_tests_properties(e2e/timeouts PROPERTIES RUN_SERIAL ON)  # its waits run side by side, and nothing else beside them
 foreach(name command_line examples failures headers misbehaving_servers output readme redirects responses system_calls tls)
   add_end_to_end_test(${name} 0)
 endforeach()

@@ -4,6 +4,7 @@ import concurrent.futures
 import os
 import pathlib
 import subprocess
+import time
 
 import pytest
 from conftest import MEMORY, Answer
@@ -26,6 +27,27 @@ def children(process):
     return [int(pid) for pid in output.split() if pathlib.Path(f"/proc/{int(pid)}/fd").exists()]
 
 
+def used_memory(nginx):
+    return sum(map(resident_kilobytes, children(nginx.process_id)))
+
+
+def steady(measure):
+    """What is measured twice in a row."""
+    value = measure()
+    while (again := measure()) != value:
+        value = again
+        time.sleep(0.1)
+    return value
+
+
+def await_equal(measure, expected):
+    """The server may still be closing its last connections."""
+    deadline = time.monotonic() + 30
+    while measure() != expected and time.monotonic() < deadline:
+        time.sleep(0.1)
+    assert measure() == expected
+
+
 def test_every_answer_is_exact_and_nothing_is_left(tool, nginx):
     def request(number):
         answer = tool.request(f"{nginx.http_url}/echo|run={number}||X-Demo: {number}|agent {number}|30000")
@@ -42,10 +64,10 @@ def test_every_answer_is_exact_and_nothing_is_left(tool, nginx):
 
     with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as pool:
         assert all(pool.map(request, range(AT_ONCE)))  # warms up
-        before, memory = measure(), resident_kilobytes(os.getpid())
+        before, memory = steady(measure), used_memory(nginx)
         assert list(pool.map(request, range(RUNS))).count(True) == RUNS
-        assert measure() == before
-        assert resident_kilobytes(os.getpid()) < memory + 32 * 1024  # the list of what is still to do takes some
+        await_equal(measure, before)
+        assert used_memory(nginx) < memory + 8 * 1024  # kilobytes
 
 
 @pytest.mark.skipif(MEMORY < 16 << 30, reason="takes up to 12 GiB of memory")
