@@ -63,6 +63,10 @@ def test_failed_transfer_is_a_failure(run, command):
     assert run(*command, "nonsense://127.0.0.1/") == Answer(b"", b"fetch: the result is 1\n", 1)
 
 
+def test_no_argument_is_a_usage_error(run, command):
+    assert run(*command) == Answer(b"", b"usage: fetch URL\n", 2)
+
+
 def test_a_bar_in_the_url_begins_no_field(run, serve, command, tmp_path):
     server = serve(reply(200, b"body"))
     assert run(*command, f"{server.url}/||||||{tmp_path}/out.txt") == Answer(b"body")
@@ -74,3 +78,16 @@ def test_fan_out(run, nginx):
     answer = run(EXAMPLES / "fan-out.sh", nginx.http_url + "/page.html", "100", "4")
     assert re.fullmatch(rb" *100 200\n[1-9]\d* requests a second\n", answer.stdout), answer
     assert (answer.stderr, answer.status) == (b"", 0)
+
+
+def test_fan_out_takes_a_long_url_with_bars(run, serve):
+    server = serve(reply(200, b"body"))
+    answer = run(EXAMPLES / "fan-out.sh", f"{server.url}/{'x' * 4000}|", "1", "1")
+    assert (answer.stdout.splitlines()[0].split(), answer.stderr, answer.status) == ([b"1", b"200"], b"", 0)
+    assert server.requests[0].startswith(b"GET /" + b"x" * 4000 + b"%7C?n=1 ")
+
+
+def test_fan_out_reports_a_missing_tool(run, tmp_path):
+    (tmp_path / "bin/webreq").unlink()
+    answer = run(EXAMPLES / "fan-out.sh", "http://127.0.0.1/", "1", "1")
+    assert b"webreq" in answer.stderr and answer.status != 0

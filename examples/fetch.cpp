@@ -56,13 +56,17 @@ Answer request(const std::string& url) {
   waitpid(process, nullptr, 0);
   const std::size_t lineEnd = output.find('\n');
   if (lineEnd == std::string::npos) throw std::runtime_error("webreq gave no answer");
-  if (output.size() > lineEnd + 1) output.pop_back();  // the line feed behind the body
+  if (output.size() > lineEnd + 1) output.pop_back();  // the line feed after the body
   return {std::stoi(output), output.substr(lineEnd + 1)};
 }
 
 }  // namespace
 
-int main(int, char** arguments) try {
+int main(int count, char** arguments) try {
+  if (count < 2) {
+    std::cerr << "usage: fetch URL\n";
+    return 2;
+  }
   const Answer answer = request(arguments[1]);
   if (answer.result < 200 || answer.result > 299) {
     throw std::runtime_error("the result is " + std::to_string(answer.result));

@@ -11,6 +11,10 @@ async function request(url) {
   return { result: Number(stdout.subarray(0, lineEnd)), body: stdout.subarray(lineEnd + 1, -1) };
 }
 
+if (process.argv.length < 3) {
+  console.error("usage: fetch URL");
+  process.exit(2);
+}
 const { result, body } = await request(process.argv[2]);
 if (result >= 200 && result <= 299) {
   process.stdout.write(body);

@@ -12,12 +12,15 @@ def request(url):
     return int(result), body[:-1]
 
 
-def main(url):
-    result, body = request(url)
+def main(urls):
+    if not urls:
+        print("usage: fetch URL", file=sys.stderr)
+        sys.exit(2)
+    result, body = request(urls[0])
     if not 200 <= result <= 299:
         sys.exit(f"fetch: the result is {result}")
     sys.stdout.buffer.write(body)
 
 
 if __name__ == "__main__":
-    main(sys.argv[1])
+    main(sys.argv[1:])

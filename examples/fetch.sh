@@ -3,6 +3,11 @@
 # Shell variables hold no NUL bytes, so the body goes through a file.
 set -eu
 
+if [ $# -eq 0 ]; then
+  echo 'usage: fetch URL' >&2
+  exit 2
+fi
+
 url=$(printf '%s' "$1" | sed 's/|/%7C/g') # a bar would begin the next field
 body=$(mktemp)
 trap 'rm -f "$body"' EXIT

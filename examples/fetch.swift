@@ -18,6 +18,10 @@ func request(_ url: String) throws -> (result: Int, body: Data) {
   return (result, Data(output[(lineEnd + 1)...].dropLast()))
 }
 
+guard CommandLine.arguments.count > 1 else {
+  FileHandle.standardError.write(Data("usage: fetch URL\n".utf8))
+  exit(2)
+}
 let (result, body) = try request(CommandLine.arguments[1])
 guard 200...299 ~= result else {
   FileHandle.standardError.write(Data("fetch: the result is \(result)\n".utf8))

@@ -4,6 +4,10 @@ set(files ${CPACK_TEMPORARY_DIRECTORY})
 set(share ${files}/usr/share)
 
 configure_file(${CMAKE_CURRENT_LIST_DIR}/changelog ${share}/doc/${CPACK_PACKAGE_NAME}/changelog.Debian @ONLY)
+set(overrides ${CMAKE_CURRENT_LIST_DIR}/${CPACK_PACKAGE_NAME}.lintian-overrides)
+if(EXISTS ${overrides})
+  configure_file(${overrides} ${share}/lintian/overrides/${CPACK_PACKAGE_NAME} COPYONLY)
+endif()
 file(GLOB documents ${share}/man/man1/* ${share}/doc/*/changelog*)
 execute_process(COMMAND gzip -9n ${documents} COMMAND_ERROR_IS_FATAL ANY)
 

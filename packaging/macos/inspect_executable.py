@@ -26,6 +26,7 @@ LIBRARY_COMMANDS = {
     mach_o.LC_LOAD_WEAK_DYLIB,
     mach_o.LC_REEXPORT_DYLIB,
     mach_o.LC_LAZY_LOAD_DYLIB,
+    mach_o.LC_LOAD_UPWARD_DYLIB,
 }
 AD_HOC = 0x2
 SHA256 = 2
