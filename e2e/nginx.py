@@ -98,6 +98,8 @@ class Nginx:
 def _start(configuration, *listeners):
     """Starts nginx with listening sockets of ours, which it takes over as it does when it replaces its own binary:
     so the ports are free ones, and open before nginx runs."""
+    for listener in listeners:
+        listener.setblocking(False)  # as nginx's own are: a worker that another is faster than would wait for the next
     descriptors = [listener.fileno() for listener in listeners]
     environment = {**os.environ, "NGINX": "".join(f"{descriptor};" for descriptor in descriptors)}
     command = [PROGRAM, "-c", configuration, "-e", configuration.with_name("error.log")]
