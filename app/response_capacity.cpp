@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <exception>
 
 namespace webreq {
 
@@ -21,7 +20,9 @@ constexpr std::size_t kNeeded = 3 * kCapacity + 256 * kMebibyte;
 
 bool isFree(std::size_t size) {
   void* const space = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  return space != MAP_FAILED && munmap(space, size) == 0;
+  if (space == MAP_FAILED) return false;
+  munmap(space, size);
+  return true;
 }
 
 #ifdef MADV_HUGEPAGE
@@ -48,7 +49,7 @@ void reserveResponse(std::string& response) noexcept {
   try {
     response.reserve(kCapacity);
     adviseHugePages(response);
-  } catch (const std::exception&) {
+  } catch (...) {
     return;  // it grows as any string does
   }
 }
