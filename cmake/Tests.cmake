@@ -57,6 +57,8 @@ if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
   endforeach()
 endif()
 
+option(WEBREQ_FUZZ "Build the fuzz targets" OFF)
+
 # Each reads the seeds in fuzz/seeds/<name>.
 if(WEBREQ_FUZZ)
   foreach(name strings command_line)
