@@ -23,7 +23,11 @@ add_unit_test(net web_request reqkit)
 add_unit_test(app request_description front_end)
 add_unit_test(app response_capacity front_end)
 add_unit_test(app usage front_end)
+add_unit_test(app output front_end)
+add_unit_test(app process front_end)
 add_unit_test(app front_end front_end)
+add_unit_test(testing interruptions reqkit)
+add_unit_test(testing recording_curl reqkit)
 
 # Debian's pytest, or the one that scripts/setup installs where there are no packages of it.
 find_program(PYTEST NAMES pytest-3 pytest HINTS ${PROJECT_SOURCE_DIR}/build/venv/bin REQUIRED)
