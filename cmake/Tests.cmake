@@ -45,7 +45,8 @@ endfunction()
 
 add_end_to_end_test(timeouts 12)
 set_tests_properties(e2e/timeouts PROPERTIES RUN_SERIAL ON)  # its waits run side by side, and nothing else beside them
-foreach(name command_line examples failures headers misbehaving_servers output readme redirects responses system_calls tls)
+foreach(name command_line examples failures headers misbehaving_servers output readme redirects responses server
+    system_calls tls)
   add_end_to_end_test(${name} 0)
 endforeach()
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
