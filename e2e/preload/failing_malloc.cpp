@@ -1,7 +1,7 @@
 // Preloaded into the tool: lets allocations fail from main's beginning on. See e2e/faults.py, which runs it.
 //
-// FAIL_FIRST and FAIL_LAST name the allocations that fail, counted from 1. The first that does is told by a byte on
-// the descriptor FAIL_REPORT.
+// FAIL_FIRST and FAIL_LAST name the allocations that fail, counted from 1. The size of the first that does, a size_t, is
+// written to the descriptor FAIL_REPORT.
 #include <dlfcn.h>
 #include <unistd.h>
 
@@ -34,11 +34,11 @@ long numberFrom(const char* variable) {
   return text == nullptr ? 0 : std::atol(text);
 }
 
-bool mustFail() {
+bool mustFail(std::size_t size) {
   if (!armed) return false;
   const long number = ++allocations;
   if (number < firstFailing || number > lastFailing) return false;
-  if (number == firstFailing && write(report, "!", 1) != 1) std::abort();
+  if (number == firstFailing && write(report, &size, sizeof size) != sizeof size) std::abort();
   errno = ENOMEM;
   return true;
 }
@@ -57,18 +57,21 @@ int armedMain(int argumentCount, char** arguments, char** environment) {
 
 extern "C" {
 
-void* malloc(std::size_t size) { return mustFail() ? nullptr : __libc_malloc(size); }
-void* calloc(std::size_t count, std::size_t size) { return mustFail() ? nullptr : __libc_calloc(count, size); }
-void* realloc(void* memory, std::size_t size) { return mustFail() ? nullptr : __libc_realloc(memory, size); }
+void* malloc(std::size_t size) { return mustFail(size) ? nullptr : __libc_malloc(size); }
+void* calloc(std::size_t count, std::size_t size) {
+  return mustFail(count * size) ? nullptr : __libc_calloc(count, size);
+}
+
+void* realloc(void* memory, std::size_t size) { return mustFail(size) ? nullptr : __libc_realloc(memory, size); }
 
 int posix_memalign(void** memory, std::size_t alignment, std::size_t size) {
-  if (mustFail()) return ENOMEM;
+  if (mustFail(size)) return ENOMEM;
   *memory = __libc_memalign(alignment, size);
   return *memory == nullptr ? ENOMEM : 0;
 }
 
 void* aligned_alloc(std::size_t alignment, std::size_t size) {
-  return mustFail() ? nullptr : __libc_memalign(alignment, size);
+  return mustFail(size) ? nullptr : __libc_memalign(alignment, size);
 }
 
 int __libc_start_main(int (*main)(int, char**, char**), int argumentCount, char** arguments, void (*init)(),
