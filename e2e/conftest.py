@@ -24,6 +24,13 @@ MEMORY = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES")  # bytes
 # Proxies of the machine must not come between the tool and loopback.
 ENVIRONMENT = {name: value for name, value in os.environ.items() if not name.lower().endswith("_proxy")}
 
+# The program that translates the tool's machine code, if it is for another processor.
+TRANSLATOR = os.environ.get("TRANSLATOR")
+
+
+def impossible_under_translator(reason):
+    return pytest.mark.skipif(TRANSLATOR is not None, reason=f"{TRANSLATOR}: {reason}")
+
 
 class Answer(NamedTuple):
     """All that a caller sees of a run."""

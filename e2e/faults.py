@@ -14,7 +14,7 @@ import sys
 
 import libcurl
 import pytest
-from conftest import ENVIRONMENT, WEBREQ, Answer
+from conftest import ENVIRONMENT, TRANSLATOR, WEBREQ, Answer
 from nginx import Nginx
 
 PRELOADED = pathlib.Path(WEBREQ).with_name("failing_malloc.so")
@@ -46,6 +46,11 @@ def run_with_failures(tool, first, last, arguments):
         return answer, int.from_bytes(size, sys.byteorder) if size else None
 
 
+def list_numbers():
+    """Every allocation, without end; of a translated tool, which takes its time, the first 60 and every hundredth."""
+    return itertools.count(1) if TRANSLATOR is None else itertools.chain(range(1, 61), itertools.count(100, 100))
+
+
 def fail_each(tool, alone, arguments, check):
     """Lets allocation after allocation fail until a run gets by without; `check` takes each answer and the run's number.
     Prints and returns how many failed."""
@@ -60,15 +65,16 @@ def fail_each(tool, alone, arguments, check):
             check(answer, number)
         return size is not None
 
+    total, numbers = 0, list_numbers()
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        for start in itertools.count(1, 100):
-            failed = sum(pool.map(run, range(start, start + 100)))
+        while True:
+            failed = sum(pool.map(run, itertools.islice(numbers, 100)))
+            total += failed
             if failed < 100:
                 break
-    failed += start - 1
-    assert fatal_sizes == (FATAL_SIZES if alone and failed else [])
-    print(f"{failed} allocations failed, each in a run of its own")
-    return failed
+    assert fatal_sizes == (FATAL_SIZES if alone and total else [])
+    print(f"{total} allocations failed, each in a run of its own")
+    return total
 
 
 def result_and_body(output):
@@ -93,7 +99,7 @@ def test_body_on_standard_output(tool, page_url, alone):
         assert answer[1:] == Answer(b"")[1:]
         check_result(*result_and_body(answer.stdout))
 
-    assert fail_each(tool, alone, lambda _: ["-web", page_url + fields], check) > 100
+    assert fail_each(tool, alone, lambda _: ["-web", page_url + fields], check) > 60
 
 
 @alone_or_not
@@ -106,7 +112,7 @@ def test_body_in_a_file(tool, tmp_path, page_url, alone):
         check_result(result, output_file.read_bytes() if output_file.exists() else b"")
         output_file.unlink(missing_ok=True)
 
-    assert fail_each(tool, alone, lambda number: ["-web", f"{page_url}{fields}{number}"], check) > 100
+    assert fail_each(tool, alone, lambda number: ["-web", f"{page_url}{fields}{number}"], check) > 60
 
 
 @alone_or_not
