@@ -3,11 +3,6 @@
 
 namespace webreq {
 
-// Call this before anything else in the process. Opens /dev/null on those of descriptors 0 to 2 that the caller left
-// closed, so that no socket and no output file is ever taken for standard output, and has SIGPIPE and SIGXFSZ ignored,
-// so that neither a reader that went away nor a limit on the size of files ends the process.
-void prepareProcess();
-
 // Runs the tool on a process's arguments and returns its exit status.
 //
 // The argument after the first one that contains "-web" is the request description. It is handled, whatever comes

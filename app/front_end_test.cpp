@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "app/process.h"
 #include "app/response_capacity.h"
 #include "app/usage.h"
 #include "testing/descriptors.h"

@@ -1,4 +1,5 @@
 #include "app/front_end.h"
+#include "app/process.h"
 
 int main(int argumentCount, char** arguments) {
   webreq::prepareProcess();

@@ -34,7 +34,7 @@ target_link_libraries(fetch_example PRIVATE compiler_options)
 # The cases of e2e/test_<name>.py, `processes` at a time.
 function(add_end_to_end_test name processes)
   add_test(NAME e2e/${name}
-    COMMAND ${PYTEST} -q -p no:cacheprovider -n ${processes} ${PROJECT_SOURCE_DIR}/e2e/test_${name}.py)
+    COMMAND ${PYTEST} -n ${processes} ${PROJECT_SOURCE_DIR}/e2e/test_${name}.py)
   set_tests_properties(e2e/${name} PROPERTIES
     TIMEOUT 120 ENVIRONMENT "WEBREQ=$<TARGET_FILE:webreq>;FETCH_EXAMPLE=$<TARGET_FILE:fetch_example>;PYTHONDONTWRITEBYTECODE=1")
 endfunction()
@@ -51,11 +51,13 @@ endif()
 # Preloaded into the tool by tests in e2e/.
 if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
   foreach(name failing_malloc hanging_resolver)
-    add_library(${name} MODULE testing/${name}.cpp)
+    add_library(${name} MODULE e2e/preload/${name}.cpp)
     target_link_libraries(${name} PRIVATE compiler_options ${CMAKE_DL_LIBS})
     set_target_properties(${name} PROPERTIES PREFIX "")
   endforeach()
 endif()
+
+option(WEBREQ_FUZZ "Build the fuzz targets" OFF)
 
 # Each reads the seeds in fuzz/seeds/<name>.
 if(WEBREQ_FUZZ)

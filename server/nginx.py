@@ -1,7 +1,7 @@
 """nginx on free ports of 127.0.0.1, over HTTP/1.1 and over HTTPS with HTTP/2.
 
 As a command it runs another one beside the server: "nginx.py COMMAND [ARGUMENT ...]" starts nginx with the files of
-e2e/site, runs COMMAND with the addresses in HTTP_URL and HTTPS_URL, stops nginx and exits with COMMAND's status.
+server/site, runs COMMAND with the addresses in HTTP_URL and HTTPS_URL, stops nginx and exits with COMMAND's status.
 """
 
 import grp

@@ -1,0 +1,308 @@
+"""Measures the tool beside curl, wget and a raw-socket client, against nginx on loopback, all in one run.
+
+scripts/bench builds them and calls this. The last answer that each command gave while it was timed is compared with the
+right one.
+"""
+
+import datetime
+import json
+import os
+import pathlib
+import platform
+import re
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+
+REPOSITORY = pathlib.Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(REPOSITORY / "server"))
+sys.dont_write_bytecode = True
+
+from nginx import Nginx  # noqa: E402
+
+KIB, MIB = 1 << 10, 1 << 20
+SIZES = {"1 KiB": KIB, "32 KiB": 32 * KIB, "1 MiB": MIB, "32 MiB": 32 * MIB, "1 GiB": 1024 * MIB}
+PARALLEL = [1, 4, 16, 64]
+HEADER_SIZES = [KIB, 16 * KIB, 120 * KIB]
+SMOKE = sys.argv[1:] == ["--smoke"]
+ROUNDS, RUNS = (1, 3) if SMOKE else (40, 10)
+
+RELEASE = REPOSITORY / "build/release/webreq"
+LEAN = REPOSITORY / "build/lean/webreq"
+LEAN_PIE = REPOSITORY / "build/lean-pie/webreq"
+FLOOR = REPOSITORY / "build/floor"
+
+
+class Row:
+    """A command, the answer that it is to give, and how long its runs took."""
+
+    def __init__(self, name, command, answer, file=None, at_once=False):
+        self.name, self.command, self.answer, self.file, self.at_once = name, command, answer, file, at_once
+        self.times = []
+
+    def measure(self, folder, runs):
+        """Has hyperfine time some runs, without a shell between, and checks what the last of them answered."""
+        output, report = folder / "output", folder / "report"
+        if self.file:
+            self.file[1].unlink(missing_ok=True)  # so that no other row's is taken for this one's
+        hyperfine = ["hyperfine", "-N", "-w", "1", "-r", str(runs), "--style", "none"]
+        subprocess.run(
+            [*hyperfine, "--output", output, "--export-json", report, self.command],
+            check=True,
+            stdout=subprocess.DEVNULL,
+            stderr=subprocess.DEVNULL,
+        )
+        self.times += json.loads(report.read_text())["results"][0]["times"]
+        if not self.is_right(output.read_bytes()) or (self.file and not same_bytes(*self.file)):
+            sys.exit(f"bench: wrong answer of {self.name}: {self.command[:200]}")
+
+    def is_right(self, output):
+        """The lines of runs at once mingle in any order."""
+        if self.at_once:
+            return sorted(output.splitlines()) == sorted(self.answer.splitlines())
+        return output == self.answer
+
+    @property
+    def median(self):
+        return statistics.median(self.times)
+
+
+def same_bytes(left, right):
+    return subprocess.run(["cmp", "-s", left, right], check=False).returncode == 0
+
+
+def measure(rows, folder, rounds=ROUNDS, runs=RUNS):
+    """In turn, so that whatever else the machine does meets all of them."""
+    for _ in range(rounds):
+        for row in rows:
+            row.measure(folder, runs)
+    return {row.name: row for row in rows}
+
+
+def webreq(tool, url, fields=""):
+    return f"{tool} -web '{url}{fields}'"
+
+
+def small_rows(url, page):
+    """One small answer on standard output."""
+    answer = b"200\n" + page + b"\n"
+    rows = [
+        Row("release", webreq(RELEASE, url), answer),
+        Row("lean", webreq(LEAN, url), answer),
+        Row("lean, position-independent", webreq(LEAN_PIE, url), answer),
+        Row("curl", f"curl -sk {url}", page),
+        Row("wget", f"wget -q --no-check-certificate -O - {url}", page),
+    ]
+    if url.startswith("http:"):
+        port, path = re.fullmatch(r"http://127\.0\.0\.1:(\d+)(/.*)", url).groups()
+        rows.append(Row("floor", f"{FLOOR} {port} {path}", page))
+    return rows
+
+
+def file_rows(url, body, folder):
+    """A body in a file."""
+    out = folder / "body"
+    file = (body, out)
+    return [
+        Row("release", webreq(RELEASE, url, f"|||||100000|{out}"), b"200\n", file),
+        Row("lean", webreq(LEAN, url, f"|||||100000|{out}"), b"200\n", file),
+        Row("curl", f"curl -s -o {out} {url}", b"", file),
+        Row("wget", f"wget -q -O {out} {url}", b"", file),
+    ]
+
+
+def peak_memory(row):
+    """Bytes, of one run."""
+    arguments = ["/usr/bin/python3", "-c", PEAK, row.command]
+    return int(subprocess.run(arguments, capture_output=True, check=True, text=True).stdout) * KIB
+
+
+PEAK = """
+import os, resource, shlex, subprocess, sys
+subprocess.run(shlex.split(sys.argv[1]), stdout=subprocess.DEVNULL, check=True)
+print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)
+"""
+
+
+def parallel_rows(url, page, count, runs):
+    """`runs` runs, `count` of them at a time, started by xargs; each answers on the standard output of all."""
+    answer = b"200\n" + page + b"\n"
+    start = f"sh -c 'seq {runs} | xargs -P {count} -I % "
+    return [
+        Row("release", start + f"{RELEASE} -web {url}'", answer * runs, at_once=True),
+        Row("lean", start + f"{LEAN} -web {url}'", answer * runs, at_once=True),
+        Row("curl", start + f"curl -s {url}'", page * runs, at_once=True),
+        Row("wget", start + f"wget -q -O - {url}'", page * runs, at_once=True),
+    ]
+
+
+def header_rows(url, size):
+    """Header fields of 256 bytes each, the server answers with the last one's value."""
+    fields = ("A:" + "x" * 253 + "\r") * (size // 256) + "X-Demo: last"
+    answer = b"200\nHTTP/1.1 GET /echo\nUser-Agent: \nX-Demo: last\n\n"
+    return [Row(tool.parent.name, webreq(tool, url, "|||" + fields), answer) for tool in (RELEASE, LEAN)]
+
+
+def table(head, rows):
+    lines = [head, ["---"] + ["---:"] * (len(head) - 1), *rows]
+    return "\n".join("| " + " | ".join(line) + " |" for line in lines)
+
+
+def milliseconds(seconds):
+    return f"{seconds * 1e3:.2f}" if seconds < 1 else f"{seconds * 1e3:.0f}"
+
+
+class Report:
+    """What was measured, as Markdown, as a drawing and as bars met or missed."""
+
+    def __init__(self):
+        self.sections = []
+        self.bars = []
+
+    def add(self, title, text):
+        print(f"\n{title}\n\n{text}", flush=True)
+        self.sections.append(f"### {title}\n\n{text}\n")
+
+    def bar(self, name, value, limit):
+        self.bars.append([name, f"{value:.2f}", f"{limit:.2f}", "met" if value <= limit else "missed"])
+
+    @property
+    def all_met(self):
+        return all(bar[-1] == "met" for bar in self.bars)
+
+
+def small_answers(report, server, folder):
+    page = (server.root / "page.html").read_bytes()
+    series = {}
+    for scheme, base in (("HTTP", server.http_url), ("HTTPS", server.https_url)):
+        rows = measure(small_rows(base + "/page.html", page), folder)
+        curl = rows["curl"].median
+        series[scheme] = rows
+        floor = series["HTTP"]["floor"].median
+        lines = [
+            [name, milliseconds(r.median), f"{r.median / curl:.2f}", f"{r.median / floor:.1f}"]
+            for name, r in rows.items()
+        ]
+        report.add(f"A small answer over {scheme}", table(["", "ms", "of curl", "of the floor"], lines))
+        report.bar(f"release, {scheme}, of curl", rows["release"].median / curl, 1.0)
+        report.bar(f"lean, {scheme}, of curl", rows["lean"].median / curl, 0.3 if scheme == "HTTP" else 0.5)
+        report.bar(f"lean, {scheme}, of wget", rows["lean"].median / rows["wget"].median, 1.0)
+    return series
+
+
+def bodies(report, server, folder):
+    series, lines = {}, []
+    for name, size in SIZES.items():
+        body = server.root / str(size)
+        subprocess.run(f"openssl rand {size} >{body}", shell=True, check=True)
+        rounds, runs = (1, 2) if SMOKE else (5, 1) if size > 64 * MIB else (10, 5)
+        rows = measure(file_rows(f"{server.http_url}/{size}", body, folder), folder, rounds, runs)
+        curl = rows["curl"].median
+        series[size] = rows
+        lines.append([name] + [f"{milliseconds(r.median)} ({r.median / curl:.2f})" for r in rows.values()])
+        if size == SIZES["1 GiB"]:
+            memory = {tool: peak_memory(rows[tool]) / size for tool in ("release", "lean")}
+            for tool, share in memory.items():
+                report.bar(f"{tool}, 1 GiB, of curl", rows[tool].median / curl, 1.4)
+                report.bar(f"{tool}, 1 GiB, peak memory of the body", share, 1.06)
+        body.unlink()
+    report.add("A body into a file, ms (of curl)", table(["", *rows], lines))
+    return series
+
+
+def parallel(report, server, folder):
+    page = (server.root / "page.html").read_bytes()
+    lines = []
+    for count in PARALLEL:
+        runs = 16 if SMOKE else 200
+        rows = measure(parallel_rows(server.http_url + "/page.html", page, count, runs), folder, 1 if SMOKE else 3, 1)
+        lines.append([str(count)] + [f"{runs / r.median:.0f}" for r in rows.values()])
+    report.add("Runs a second, so many at once", table(["", *rows], lines))
+
+
+def headers(report, server, folder):
+    lines = []
+    for size in HEADER_SIZES:
+        rows = measure(header_rows(server.http_url + "/echo", size), folder, 1 if SMOKE else 10, RUNS)
+        lines.append([f"{size // KIB} KiB"] + [milliseconds(r.median) for r in rows.values()])
+    report.add("Header fields of 256 bytes each, ms", table(["", *rows], lines))
+
+
+PLOT = """
+set terminal svg size 900,360 font "sans-serif,12" background "white"
+set output "{output}"
+set multiplot layout 1,2
+set style fill solid 0.8 noborder
+set grid ytics lc "#dddddd"
+set border 3; set tics nomirror out
+set style data histogram; set style histogram clustered gap 1
+set yrange [0:*]; set ylabel "ms"; set title "A small answer"; set key top left
+plot "{small}" using 2:xtic(1) title "HTTP" lc "#4477aa", "" using 3 title "HTTPS" lc "#ee6677"
+set style data linespoints; set logscale xy; set yrange [*:*]; set format x "%.0b %BB"
+set logscale x 2; set title "A body into a file"; set xtics 32
+plot for [i=2:5] "{bodies}" using 1:i title columnheader(i) pt 7 ps 0.5 lw 1.5
+"""
+
+
+def draw(output, folder, small, sizes):
+    """With gnuplot."""
+    names = ["release", "lean", "curl", "wget", "floor"]
+    lines = []
+    for name in names:
+        cells = [f"{rows[name].median * 1e3:.3f}" if name in rows else "0" for rows in small.values()]
+        lines.append(" ".join([name, *cells]))
+    (folder / "small").write_text("\n".join(lines))
+    lines = ["size " + " ".join(next(iter(sizes.values())))]
+    lines += [f"{size} " + " ".join(f"{r.median * 1e3:.3f}" for r in rows.values()) for size, rows in sizes.items()]
+    (folder / "bodies").write_text("\n".join(lines))
+    plot = PLOT.format(output=output, small=folder / "small", bodies=folder / "bodies")
+    subprocess.run(["gnuplot"], input=plot, text=True, check=True)
+
+
+def machine():
+    def version(*command):
+        return subprocess.run(command, capture_output=True, text=True, check=True).stdout.split("\n")[0]
+
+    model = re.search(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text())
+    name = re.search(r'PRETTY_NAME="(.*)"', pathlib.Path("/etc/os-release").read_text()).group(1)
+    curl = " ".join(version("curl", "--version").split()[:2])
+    wget = " ".join(version("wget", "--version").split()[:3])
+    return (
+        f"Measured by `scripts/bench` on {datetime.date.today()}: {name}, Linux {platform.release().split('-')[0]}, "
+        f"{os.cpu_count()} cores ({model.group(1).strip() if model else platform.machine()}), {curl}, {wget}; medians."
+    )
+
+
+def write(report):
+    path = REPOSITORY / "docs/performance.md"
+    begin, end = "<!-- scripts/bench writes from here -->\n", "<!-- to here -->\n"
+    before, rest = path.read_text().split(begin)
+    after = rest.split(end)[1]
+    path.write_text(before + begin + "\n" + machine() + "\n\n" + "\n".join(report.sections) + "\n" + end + after)
+
+
+def main():
+    os.environ["no_proxy"] = "*"
+    report = Report()
+    with tempfile.TemporaryDirectory(dir="/dev/shm", prefix="webreq-bench-") as name:
+        folder = pathlib.Path(name)
+        folder.chmod(0o755)
+        root = folder / "site"
+        shutil.copytree(REPOSITORY / "server/site", root)
+        with Nginx(root) as server:
+            small = small_answers(report, server, folder)
+            sizes = bodies(report, server, folder)
+            parallel(report, server, folder)
+            headers(report, server, folder)
+        report.add("Bars", table(["", "measured", "at most", ""], report.bars))
+        if SMOKE:
+            return 0
+        draw(REPOSITORY / "docs/performance.svg", folder, small, sizes)
+        write(report)
+    return 0 if report.all_met else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
