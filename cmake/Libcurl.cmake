@@ -1,84 +1,83 @@
-# libcurl with what the tool needs, from its source, and the libraries that it calls: AWS-LC for TLS, c-ares for names,
-# nghttp2 for HTTP/2, zlib. docs/performance.md says what is left out and what that means for a user.
+# libcurl with what the tool needs, and the libraries that it calls: AWS-LC for TLS, c-ares for names, nghttp2 for
+# HTTP/2, zlib; all from their sources. docs/performance.md says what is left out and what that means for a user.
 enable_language(C)
 
-# The newest of each that cmake/sources.txt lists, from where scripts/sources lays it down: build/sources/<name>-<version>.
-# -DWEBREQ_SOURCE_<NAME>= gives another folder.
-set(libraries curl aws-lc c-ares nghttp2 zlib)
-file(STRINGS cmake/sources.txt pinned REGEX "^[^#]")
-foreach(line IN LISTS pinned)
-  string(REGEX MATCH "^([^ ]+) +([^ ]+)" line "${line}")
+# Of each library the newest that cmake/sources.txt lists, in the folder where scripts/sources lays it down, or in the
+# one that -DWEBREQ_CURL_SOURCE=, -DWEBREQ_AWS_LC_SOURCE= and so on name.
+file(STRINGS cmake/sources.txt lines REGEX "^[^#]")
+foreach(line IN LISTS lines)
+  string(REGEX MATCH "^([^ ]+) +([^ ]+)" name "${line}")
+  set(${CMAKE_MATCH_1}_source ${PROJECT_SOURCE_DIR}/build/sources/${CMAKE_MATCH_1}-${CMAKE_MATCH_2})
   set(${CMAKE_MATCH_1}_version ${CMAKE_MATCH_2})
 endforeach()
-foreach(library IN LISTS libraries)
-  string(MAKE_C_IDENTIFIER WEBREQ_SOURCE_${library} folder)
-  string(TOUPPER ${folder} folder)
-  if(DEFINED ${folder})
-    set(${library}_source ${${folder}})
-  else()
-    set(${library}_source ${PROJECT_SOURCE_DIR}/build/sources/${library}-${${library}_version})
+foreach(library IN ITEMS curl aws-lc c-ares nghttp2 zlib)
+  string(TOUPPER "WEBREQ_${library}_SOURCE" variable)
+  string(REPLACE "-" "_" variable ${variable})
+  if(DEFINED ${variable})
+    set(${library}_source ${${variable}})
   endif()
   if(NOT EXISTS ${${library}_source})
-    message(FATAL_ERROR "There is no ${${library}_source}: run scripts/setup static.")
+    message(FATAL_ERROR "There is no source of ${library} in ${${library}_source}: run scripts/setup static.")
   endif()
   add_compile_options(-ffile-prefix-map=${${library}_source}=${library})
 endforeach()
+add_compile_options(-ffunction-sections -fdata-sections)  # for the linker to leave out what nothing calls
 
-# In functions, because the variables are the libraries' own: each sets options, plain variables do not stay.
-set(CMAKE_POLICY_DEFAULT_CMP0077 NEW)
-set(CMAKE_POLICY_DEFAULT_CMP0126 NEW)
+# What follows is in functions, because the variables are the libraries' alone.
+set(CMAKE_POLICY_DEFAULT_CMP0077 NEW)  # plain variables set options,
+set(CMAKE_POLICY_DEFAULT_CMP0126 NEW)  # and those of more than two states
 
-macro(add_source library)
-  foreach(option IN ITEMS BUILD_SHARED_LIBS BUILD_TESTING CMAKE_COMPILE_WARNING_AS_ERROR)
-    set(${option} OFF)
-  endforeach()
+function(add_library_source library)
+  set(BUILD_SHARED_LIBS OFF)
+  set(CMAKE_COMPILE_WARNING_AS_ERROR OFF)
   add_compile_options(-w)
   add_subdirectory(${${library}_source} ${library} EXCLUDE_FROM_ALL SYSTEM)
-endmacro()
+endfunction()
 
 function(add_aws_lc)
   set(DISABLE_GO ON)
-  set(DISABLE_PERL ON)  # what they would generate is in the source
-  set(DISABLE_CPU_JITTER_ENTROPY ON)
+  set(DISABLE_PERL ON)  # what both would generate is there
+  set(DISABLE_CPU_JITTER_ENTROPY ON)  # the kernel's randomness is enough
+  set(BUILD_TESTING OFF)
   set(BUILD_TOOL OFF)
-  add_source(aws-lc)
+  add_library_source(aws-lc)
+  add_library(OpenSSL::Crypto ALIAS crypto)
+  add_library(OpenSSL::SSL ALIAS ssl)
 endfunction()
 
 function(add_c_ares)
   set(CARES_STATIC ON)
-  foreach(option IN ITEMS CARES_SHARED CARES_INSTALL CARES_BUILD_TOOLS CARES_THREADS)
+  foreach(option IN ITEMS CARES_BUILD_TOOLS CARES_INSTALL CARES_SHARED CARES_THREADS)
     set(${option} OFF)
   endforeach()
-  add_source(c-ares)
+  add_library_source(c-ares)
 endfunction()
 
 function(add_nghttp2)
-  set(ENABLE_LIB_ONLY ON)
   set(BUILD_STATIC_LIBS ON)
+  set(ENABLE_LIB_ONLY ON)
   set(ENABLE_DOC OFF)
   foreach(package IN ITEMS Jansson Jemalloc Libevent Libnghttp3 Libngtcp2 LibXml2 OpenSSL Python3 Systemd)
     set(CMAKE_DISABLE_FIND_PACKAGE_${package} ON)
   endforeach()
-  add_source(nghttp2)
+  add_library_source(nghttp2)
 endfunction()
 
-# The crate has zlib's own files without its build.
+# The crate of zlib leaves out its CMakeLists.txt. libcurl only decompresses.
 function(add_zlib)
-  list(TRANSFORM ARGV PREPEND ${zlib_source}/ OUTPUT_VARIABLE files)
-  list(TRANSFORM files APPEND .c)
+  foreach(name IN ITEMS adler32 crc32 inffast inflate inftrees zutil)
+    list(APPEND files ${zlib_source}/${name}.c)
+  endforeach()
   add_library(zlib STATIC EXCLUDE_FROM_ALL ${files})
   target_compile_options(zlib PRIVATE -w)
-  target_compile_definitions(zlib PRIVATE HAVE_UNISTD_H)
-  target_include_directories(zlib SYSTEM PUBLIC ${zlib_source})
+  target_include_directories(zlib SYSTEM INTERFACE ${zlib_source})
+  add_library(ZLIB::ZLIB ALIAS zlib)
 endfunction()
-
-# Has libcurl find a library that is built here: use_library(<name> <name of the target> <target> <include folder>)
-macro(use_library name)
-endmacro()
 
 function(add_libcurl)
   foreach(option IN ITEMS
       CURL_USE_OPENSSL CURL_ZLIB ENABLE_ARES ENABLE_IPV6 ENABLE_UNIX_SOCKETS USE_NGHTTP2
+      HAVE_AWSLC HAVE_SSL_SET0_WBIO  # libcurl would find out by linking with what isn't built yet
       # Protocols other than HTTP, HTTPS and file.
       CURL_DISABLE_DICT CURL_DISABLE_FTP CURL_DISABLE_GOPHER CURL_DISABLE_IMAP CURL_DISABLE_IPFS CURL_DISABLE_LDAP
       CURL_DISABLE_LDAPS CURL_DISABLE_MQTT CURL_DISABLE_POP3 CURL_DISABLE_RTSP CURL_DISABLE_SMTP CURL_DISABLE_TELNET
@@ -86,39 +85,34 @@ function(add_libcurl)
       # What takes an option of libcurl that the tool never sets.
       CURL_DISABLE_ALTSVC CURL_DISABLE_AWS CURL_DISABLE_BEARER_AUTH CURL_DISABLE_COOKIES CURL_DISABLE_DIGEST_AUTH
       CURL_DISABLE_DOH CURL_DISABLE_FORM_API CURL_DISABLE_GETOPTIONS CURL_DISABLE_HEADERS_API CURL_DISABLE_HSTS
-      CURL_DISABLE_KERBEROS_AUTH CURL_DISABLE_MIME CURL_DISABLE_NEGOTIATE_AUTH CURL_DISABLE_NETRC
-      CURL_DISABLE_PROGRESS_METER CURL_DISABLE_SHA512_256 CURL_DISABLE_SHUFFLE_DNS CURL_DISABLE_VERBOSE_STRINGS
-      HAVE_AWSLC HAVE_SSL_SET0_WBIO)  # as AWS-LC has it: libcurl would try to link with what isn't built yet
+      CURL_DISABLE_INSTALL CURL_DISABLE_KERBEROS_AUTH CURL_DISABLE_MIME CURL_DISABLE_NEGOTIATE_AUTH
+      CURL_DISABLE_NETRC CURL_DISABLE_PROGRESS_METER CURL_DISABLE_SHA512_256 CURL_DISABLE_SHUFFLE_DNS
+      CURL_DISABLE_VERBOSE_STRINGS)
     set(${option} ON)
   endforeach()
   foreach(option IN ITEMS
-      BUILD_CURL_EXE BUILD_EXAMPLES BUILD_LIBCURL_DOCS BUILD_MISC_DOCS ENABLE_CURL_MANUAL CURL_ENABLE_EXPORT_TARGET
-      CURL_USE_CMAKECONFIG CURL_USE_PKGCONFIG PICKY_COMPILER
-      CURL_BROTLI CURL_ZSTD CURL_USE_GSSAPI CURL_USE_LIBPSL CURL_USE_LIBSSH2 USE_LIBIDN2
-      HAVE_DES_ECB_ENCRYPT)
+      BUILD_CURL_EXE BUILD_EXAMPLES BUILD_LIBCURL_DOCS BUILD_MISC_DOCS BUILD_TESTING CURL_ENABLE_EXPORT_TARGET
+      CURL_USE_CMAKECONFIG CURL_USE_PKGCONFIG ENABLE_CURL_MANUAL HAVE_DES_ECB_ENCRYPT PICKY_COMPILER
+      CURL_BROTLI CURL_USE_GSSAPI CURL_USE_LIBPSL CURL_USE_LIBSSH2 CURL_ZSTD USE_LIBIDN2)
     set(${option} OFF)
   endforeach()
-  set(CURL_DISABLE_INSTALL ON)
-  set(CMAKE_DISABLE_FIND_PACKAGE_Perl ON)
   set(CURL_CA_BUNDLE none)  # no certificate is verified
   set(CURL_CA_PATH none)
-  set(OPENSSL_INCLUDE_DIR ${aws-lc_source}/include)
-  set(OPENSSL_CRYPTO_LIBRARY crypto)
-  set(OPENSSL_SSL_LIBRARY ssl)
+  set(CMAKE_DISABLE_FIND_PACKAGE_Perl ON)  # for documents, which the crate leaves out
   set(CARES_INCLUDE_DIR ${c-ares_source}/include)
   set(CARES_LIBRARY c-ares)
   set(NGHTTP2_INCLUDE_DIR ${nghttp2_source}/lib/includes)
   set(NGHTTP2_LIBRARY nghttp2_static)
+  set(OPENSSL_INCLUDE_DIR ${aws-lc_source}/include)
+  set(OPENSSL_CRYPTO_LIBRARY crypto)
+  set(OPENSSL_SSL_LIBRARY ssl)
   set(ZLIB_INCLUDE_DIR ${zlib_source})
   set(ZLIB_LIBRARY zlib)
-  add_source(curl)
+  add_library_source(curl)
 endfunction()
 
 add_aws_lc()
-add_library(OpenSSL::Crypto ALIAS crypto)
-add_library(OpenSSL::SSL ALIAS ssl)
 add_c_ares()
 add_nghttp2()
-add_zlib(adler32 crc32 inffast inflate inftrees zutil)
-add_library(ZLIB::ZLIB ALIAS zlib)
+add_zlib()
 add_libcurl()
