@@ -90,7 +90,7 @@ def test_full_pipe_is_awaited_not_polled(tool, tmp_path, serve):
     url = serve(reply(200, body)).url
     reader, writer = os.pipe()
     os.set_blocking(writer, False)
-    command = ["strace", "-qq", "-o", tmp_path / "trace", "-e", "trace=write,poll", tool.path, "-web", url]
+    command = ["strace", "-qq", "-o", tmp_path / "trace", "-e", "trace=write,poll,ppoll", tool.path, "-web", url]
     with open(reader, "rb") as pipe, subprocess.Popen(command, stdout=writer, env=UNDER_STRACE) as process:
         os.close(writer)
         time.sleep(0.5)  # enough for thousands of calls
