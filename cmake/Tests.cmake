@@ -81,7 +81,11 @@ add_unit_test(net web_request reqkit)
 add_unit_test(app request_description front_end)
 add_unit_test(app response_capacity front_end)
 add_unit_test(app usage front_end)
+add_unit_test(app output front_end)
+add_unit_test(app process front_end)
 add_unit_test(app front_end front_end)
+add_unit_test(testing interruptions reqkit)
+add_unit_test(testing recording_curl reqkit)
 
 option(WEBREQ_FUZZ "Build the fuzz targets" OFF)
 
