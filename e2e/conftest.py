@@ -6,6 +6,7 @@ import os
 import pathlib
 import ssl
 import subprocess
+import sys
 from typing import NamedTuple
 
 import pytest
@@ -18,6 +19,13 @@ from scripted_server import ScriptedServer
 
 REPOSITORY = pathlib.Path(__file__).parent.parent
 WEBREQ = os.path.abspath(os.environ.get("WEBREQ", REPOSITORY / "build/release/webreq"))
+
+# The build's folder and the executable in it; WEBREQ may be a script that has valgrind or an emulator run that.
+BUILD = pathlib.Path(WEBREQ).parent
+EXECUTABLE = BUILD / "webreq"
+
+IS_EMULATED = WEBREQ.endswith("-emulated")
+IS_STATIC = sys.platform == "linux" and b"/ld-linux" not in EXECUTABLE.read_bytes()[:4096]
 
 MEMORY = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES")  # bytes
 
