@@ -1,7 +1,7 @@
 // Preloaded into the tool: lets allocations fail from main's beginning on. See e2e/faults.py, which runs it.
 //
-// FAIL_FIRST and FAIL_LAST name the allocations that fail, counted from 1. The size of the first that does, a size_t, is
-// written to the descriptor FAIL_REPORT.
+// FAIL_FIRST and FAIL_LAST name the allocations that fail, counted from 1. The size of the first that does, a size_t,
+// is written to the descriptor FAIL_REPORT.
 #include <dlfcn.h>
 #include <unistd.h>
 
