@@ -5,7 +5,6 @@ its time-out on a busy machine, so the upper bounds are wide: connecting ends be
 """
 
 import contextlib
-import pathlib
 import select
 import shutil
 import socket
@@ -14,10 +13,10 @@ import time
 
 import libcurl
 import pytest
-from conftest import ENVIRONMENT, WEBREQ, Answer
+from conftest import BUILD, ENVIRONMENT, IS_STATIC, Answer, impossible_under_translator
 from scripted_server import AWAIT_CLOSE, READ_REQUEST, pause, reply
 
-IS_SANITIZED = pathlib.Path(WEBREQ).parent.name == "asan"  # many of which need seconds to start side by side
+IS_SANITIZED = BUILD.name == "asan"  # many of which need seconds to start side by side
 HALF_A_BODY = b"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nhalf\0"
 
 # TIMEOUT, seconds for connecting, seconds for the whole request.
@@ -68,16 +67,20 @@ def test_slow_answer_within_the_time_out(tool, serve):
     assert tool.request(f"{server.url}|||||1000") == Answer(b"200\nhalf\0whole\n")
 
 
-@pytest.mark.skipif(sys.platform != "linux", reason="preloads a library")
+@pytest.mark.skipif(sys.platform != "linux" or IS_STATIC, reason="preloads a library")
 def test_resolver_that_hangs_for_4_seconds(tool):
     """The result is a time-out's, but from some version on libcurl waits for its resolver's thread until it gives up."""
-    preloaded = pathlib.Path(tool.path).with_name("hanging_resolver.so")
+    preloaded = BUILD / "hanging_resolver.so"
     environment = {**ENVIRONMENT, "LD_PRELOAD": str(preloaded), "ASAN_OPTIONS": "verify_asan_link_order=0"}
     with timed(at_least=4) if libcurl.answer("hanging resolver") else timed(at_least=1, below=4):
         assert tool.request("http://host.invalid/|||||999", env=environment) == Answer(b"28\n")
 
 
-needs_faketime = pytest.mark.skipif(not shutil.which("faketime"), reason="no faketime here")
+needs_faketime = pytest.mark.skipif(
+    IS_STATIC or not shutil.which("faketime"),
+    reason="faketime preloads a library: none here, or the executable is static",
+)
+needs_own_clock = impossible_under_translator("faketime doesn't make the clock faster")
 
 
 @pytest.fixture
@@ -93,12 +96,14 @@ def hurried(tool):
 
 
 @needs_faketime
+@needs_own_clock
 def test_30_seconds_for_connecting(hurried):
     with silent_listener() as port, timed(at_least=30 / 20, below=60 / 20):
         assert hurried(f"http://127.0.0.1:{port}/|||||30000") == Answer(b"28\n")
 
 
 @needs_faketime
+@needs_own_clock
 def test_60_seconds_for_the_whole_request(hurried, serve):
     server = serve([READ_REQUEST, HALF_A_BODY, AWAIT_CLOSE])
     with timed(at_least=60 / 20):
