@@ -149,7 +149,7 @@ void checkSegment(const Slice& slice, const SegmentCommand& segment) {
   if (segment.offset > slice.size || segment.contentSize > slice.size - segment.offset) {
     refuse("%s: %.16s has content behind the end", slice.path, name);
   }
-  if (segment.contentSize > roundUpToPages(segment.addressSize)) {
+  if (segment.contentSize > segment.addressSize) {
     refuse("%s: %.16s has more content than addresses", slice.path, name);
   }
   if (segment.sectionCount > (segment.size - sizeof segment) / sizeof(Section)) {
@@ -247,11 +247,9 @@ Image mapImage(const char* path, FileType type) {
   const Slice slice = findSlice(file);
   checkHeader(slice, type);
   Image image = readCommands(path, reinterpret_cast<const Header*>(slice.content));
-  for (std::size_t i = 0; i < image.segmentCount; ++i) {
-    checkSegment(slice, *image.segments[i]);
-    checkSections(slice, *image.segments[i]);
-  }
+  for (std::size_t i = 0; i < image.segmentCount; ++i) checkSegment(slice, *image.segments[i]);
   checkLayout(slice, image);
+  for (std::size_t i = 0; i < image.segmentCount; ++i) checkSections(slice, *image.segments[i]);
   const std::size_t first = indexOfText(image);  // nothing is ever mapped where __PAGEZERO is
   image.slide = reserveAddresses(image, image.segments[first]->address);
   for (std::size_t i = first; i < image.segmentCount; ++i) mapSegment(image, slice, *image.segments[i]);
