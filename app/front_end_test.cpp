@@ -2,25 +2,20 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
-#include <csignal>
 #include <functional>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "app/process.h"
 #include "app/response_capacity.h"
 #include "app/usage.h"
 #include "testing/descriptors.h"
 #include "testing/failing_allocation.h"
-#include "testing/interruptions.h"
 #include "testing/recording_curl.h"
 
 namespace webreq {
@@ -35,9 +30,7 @@ using test_support::Descriptor;
 using test_support::FailingAllocation;
 using test_support::fileExists;
 using test_support::inQuotes;
-using test_support::Interruptions;
 using test_support::makeDatagramChannel;
-using test_support::makePipe;
 using test_support::makeTemporaryFile;
 using test_support::readAll;
 using test_support::readFile;
@@ -304,42 +297,16 @@ Outcome runWithOutputFile(const std::string& path) {
 }
 
 TEST(OutputFile, HoldsTheBodyAndNothingElse) {
-  const struct {
-    const char* rule;
-    const char* former;
-    std::string body;
-  } rows[] = {
-      {"no line feed is added", "", "abc"},      {"a longer file is truncated", "a longer file", "abc"},
-      {"an empty body truncates", "a file", ""}, {"line breaks are not converted", "", "a\r\nb\nc\r"},
-      {"every byte is written", "", allBytes()}, {"a long body is written", "", std::string(100000, 'x')},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.rule);
+  for (const std::string& body : {""s, "abc"s, "abc\n"s, "a\r\nb\nc\r"s, allBytes(), std::string(100000, 'x')}) {
     const TemporaryFolder folder;
     RecordingCurl curl;
-    curl.bodyChunks = {row.body};
-    writeFile(folder.pathOf("out"), row.former);
-    EXPECT_EQ(runWithOutputFile(folder.pathOf("out")), (Outcome{0, "200\n"}));
-    EXPECT_EQ(readFile(folder.pathOf("out")), row.body);
+    curl.bodyChunks = {body};
+    for (const char* const rule : {"created", "truncated"}) {
+      EXPECT_EQ(runWithOutputFile(folder.pathOf("out")), (Outcome{0, "200\n"}));
+      EXPECT_EQ(readFile(folder.pathOf("out")), body) << rule;
+      writeFile(folder.pathOf("out"), body + "former");
+    }
   }
-}
-
-TEST(OutputFile, IsCreatedEvenForAnEmptyBody) {
-  const TemporaryFolder folder;
-  const RecordingCurl curl;
-  EXPECT_EQ(runWithOutputFile(folder.pathOf("out")), (Outcome{0, "200\n"}));
-  EXPECT_EQ(readFile(folder.pathOf("out")), "");
-}
-
-TEST(OutputFile, IsCreatedReadableAndWritableButForTheMask) {
-  const TemporaryFolder folder;
-  const RecordingCurl curl;
-  const mode_t formerMask = umask(027);
-  runWithOutputFile(folder.pathOf("out"));
-  umask(formerMask);
-  struct stat status = {};
-  EXPECT_EQ(stat(folder.pathOf("out").c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777U, 0640U);
 }
 
 TEST(OutputFile, IsTruncatedWithoutAHandle) {
@@ -372,17 +339,6 @@ TEST(OutputFile, IsLeftAloneWithoutAUrl) {
   EXPECT_FALSE(fileExists(folder.pathOf("missing")));
 }
 
-TEST(OutputFile, IsRelativeToTheWorkingFolder) {
-  const TemporaryFolder folder;
-  const Descriptor formerFolder(open(".", O_RDONLY));
-  RecordingCurl curl;
-  curl.bodyChunks = {"abc"};
-  EXPECT_EQ(chdir(folder.path().c_str()), 0);
-  EXPECT_EQ(runWithOutputFile("out"), (Outcome{0, "200\n"}));
-  EXPECT_EQ(fchdir(formerFolder.number()), 0);
-  EXPECT_EQ(readFile(folder.pathOf("out")), "abc");
-}
-
 TEST(OutputFile, ThatCannotBeOpenedIsSkipped) {
   const TemporaryFolder folder;
   RecordingCurl curl;
@@ -390,45 +346,6 @@ TEST(OutputFile, ThatCannotBeOpenedIsSkipped) {
   EXPECT_EQ(runWithOutputFile(folder.pathOf("missing/out")), (Outcome{0, "200\n"}));
   EXPECT_FALSE(fileExists(folder.pathOf("missing")));
   EXPECT_EQ(runWithOutputFile(folder.path()), (Outcome{0, "200\n"}));
-}
-
-// While it lives, files can't grow above that size, and trying to is no signal.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(rlim_t size) : formerHandler_(std::signal(SIGXFSZ, SIG_IGN)) {
-    getrlimit(RLIMIT_FSIZE, &former_);
-    const rlimit limit = {size, former_.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  ~FileSizeLimit() {
-    setrlimit(RLIMIT_FSIZE, &former_);
-    std::signal(SIGXFSZ, formerHandler_);
-  }
-  FileSizeLimit(const FileSizeLimit&) = delete;
-  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
- private:
-  rlimit former_ = {};
-  void (*formerHandler_)(int);
-};
-
-TEST(OutputFile, ThatCannotBeWrittenIsLeftAsItIs) {
-  const TemporaryFolder folder;
-  RecordingCurl curl;
-  curl.bodyChunks = {std::string(1000, 'x')};
-  {
-    const FileSizeLimit limit(100);
-    EXPECT_EQ(runWithOutputFile(folder.pathOf("out")), (Outcome{0, "200\n"}));
-  }
-  EXPECT_EQ(readFile(folder.pathOf("out")), std::string(100, 'x'));
-}
-
-TEST(OutputFile, IsClosed) {
-  const TemporaryFolder folder;
-  const RecordingCurl curl;
-  const int lowestFree = Descriptor(dup(STDOUT_FILENO)).number();
-  runWithOutputFile(folder.pathOf("out"));
-  EXPECT_EQ(Descriptor(dup(STDOUT_FILENO)).number(), lowestFree);
 }
 
 // Opening the file truncates away what has been written to it as standard output, which is the result line.
@@ -462,35 +379,6 @@ Lines messagesOf(const Arguments& arguments) {
   return messages;
 }
 
-// Ends the process, with status 0 if an unwritten descriptor that was closed is /dev/null afterwards.
-[[noreturn]] void prepareWithClosed(int descriptor) {
-  close(descriptor);
-  prepareProcess();
-  struct stat opened = {};
-  struct stat null = {};
-  const bool isNull =
-      fstat(descriptor, &opened) == 0 && stat("/dev/null", &null) == 0 && opened.st_rdev == null.st_rdev;
-  const bool isReadAndWritten = (fcntl(descriptor, F_GETFL) & O_ACCMODE) == O_RDWR;
-  _exit(isNull && isReadAndWritten ? 0 : 1);
-}
-
-TEST(PrepareProcessDeathTest, OpensDevNullWhereAStandardDescriptorIsClosed) {
-  for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    EXPECT_EXIT(prepareWithClosed(descriptor), testing::ExitedWithCode(0), "") << descriptor;
-  }
-}
-
-TEST(PrepareProcessDeathTest, LeavesOpenDescriptorsAlone) {
-  const auto prepare = [] {
-    const Channel pipe = makePipe();
-    dup2(pipe.writeEnd.number(), STDOUT_FILENO);
-    prepareProcess();
-    char byte = 0;
-    _exit(write(STDOUT_FILENO, "x", 1) == 1 && read(pipe.readEnd.number(), &byte, 1) == 1 && byte == 'x' ? 0 : 1);
-  };
-  EXPECT_EXIT(prepare(), testing::ExitedWithCode(0), "");
-}
-
 TEST(Output, EachLineIsWrittenAtOnce) {
   RecordingCurl curl;
   EXPECT_EQ(messagesOf({}), usageLines(true));
@@ -506,17 +394,9 @@ TEST(Output, NoLineFeedFollowsABodyThatCannotBeWritten) {
   EXPECT_EQ(messagesOf({"-web", "U"}), Lines{"200\n"});
 }
 
-// While it lives, writing to a pipe without a reader is no signal, as in the tool.
-class IgnoredBrokenPipe {
- public:
-  ~IgnoredBrokenPipe() { std::signal(SIGPIPE, formerHandler_); }
-
- private:
-  void (*formerHandler_)(int) = std::signal(SIGPIPE, SIG_IGN);
-};
-
-void expectOutputFileOnly(const Descriptor& output) {
+TEST(Output, ThatCannotBeWrittenIsSkipped) {
   const TemporaryFolder folder;
+  const Descriptor output(open("/dev/null", O_RDONLY));
   const std::string description = "U||||||" + folder.pathOf("out");
   RecordingCurl curl;
   curl.bodyChunks = {"abc"};
@@ -524,100 +404,6 @@ void expectOutputFileOnly(const Descriptor& output) {
   EXPECT_EQ(callWithOutput(output, {"-web", "U"}), 0);
   EXPECT_EQ(callWithOutput(output, {}), -1);
   EXPECT_EQ(readFile(folder.pathOf("out")), "abc");
-}
-
-TEST(Output, ThatCannotBeWrittenIsSkipped) {
-  const IgnoredBrokenPipe ignored;
-  expectOutputFileOnly(Descriptor(open("/dev/null", O_RDONLY)));
-  Channel withoutReader = makePipe();
-  withoutReader.readEnd.close();
-  expectOutputFileOnly(withoutReader.writeEnd);
-}
-
-// A megabyte without repetitions, so that no part of it can take another's place.
-std::string makeLongBody() {
-  std::string body;
-  for (int number = 0; body.size() < 1U << 20U; ++number) body += std::to_string(number) + ",";
-  return body;
-}
-
-// Reads part by part. Before each one the writer is interrupted while it waits, more than once, so that it has written
-// nothing since the last time.
-std::string readSlowly(const Descriptor& descriptor, const Interruptions& interruptions) {
-  std::string bytes;
-  std::array<char, 65536> buffer;
-  for (;;) {
-    interruptions.await(3);
-    const ssize_t count = read(descriptor.number(), buffer.data(), buffer.size());
-    if (count <= 0) return bytes;
-    bytes.append(buffer.data(), static_cast<std::size_t>(count));
-  }
-}
-
-// Returns how many bytes it took.
-std::size_t fillUp(const Descriptor& pipeEnd) {
-  EXPECT_EQ(fcntl(pipeEnd.number(), F_SETFL, O_NONBLOCK), 0);
-  std::size_t size = 0;
-  while (write(pipeEnd.number(), "", 1) == 1) ++size;
-  return size;
-}
-
-// What arrives of the output through a pipe that is full to begin with.
-std::string outputThroughFullPipe(int flags) {
-  const Interruptions interruptions;
-  Channel pipe = makePipe();
-  const std::size_t filled = fillUp(pipe.writeEnd);
-  EXPECT_EQ(fcntl(pipe.writeEnd.number(), F_SETFL, flags), 0);
-  std::string output;
-  std::thread reader = interruptions.startThread([&] { output = readSlowly(pipe.readEnd, interruptions); });
-  EXPECT_EQ(callWithOutput(pipe.writeEnd, {"-web", "U"}), 0);
-  pipe.writeEnd.close();
-  reader.join();
-  return output.substr(filled);
-}
-
-void expectWholeOutput(int flags) {
-  RecordingCurl curl;
-  curl.bodyChunks = {makeLongBody()};
-  const std::string output = outputThroughFullPipe(flags);
-  EXPECT_TRUE(output == "200\n" + makeLongBody() + "\n") << output.size() << " bytes";
-}
-
-TEST(Output, ArrivesWholeThroughInterruptions) { expectWholeOutput(0); }
-
-TEST(Output, ArrivesWholeThroughANonBlockingPipe) { expectWholeOutput(O_NONBLOCK); }
-
-TEST(Output, EndsWhenTheReaderOfANonBlockingPipeLeaves) {
-  const IgnoredBrokenPipe ignored;
-  Channel pipe = makePipe();
-  EXPECT_EQ(fcntl(pipe.writeEnd.number(), F_SETFL, O_NONBLOCK), 0);
-  RecordingCurl curl;
-  curl.bodyChunks = {makeLongBody()};
-  std::string resultLine(4, '\0');
-  std::thread reader([&] {
-    EXPECT_EQ(read(pipe.readEnd.number(), resultLine.data(), resultLine.size()), 4);
-    pipe.readEnd.close();
-  });
-  EXPECT_EQ(callWithOutput(pipe.writeEnd, {"-web", "U"}), 0);
-  reader.join();
-  EXPECT_EQ(resultLine, "200\n");
-}
-
-TEST(OutputFile, IsOpenedThroughInterruptions) {
-  const TemporaryFolder folder;
-  const std::string pipe = folder.pathOf("out");
-  EXPECT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-  RecordingCurl curl;
-  curl.bodyChunks = {"abc"};
-  std::string received;
-  const Interruptions interruptions;
-  std::thread reader = interruptions.startThread([&] {
-    interruptions.await(20);  // opening waits for a reader
-    received = readFile(pipe);
-  });
-  EXPECT_EQ(runWithOutputFile(pipe), (Outcome{0, "200\n"}));
-  reader.join();
-  EXPECT_EQ(received, "abc");
 }
 
 using AllocationPlan = FailingAllocation (*)(std::size_t);

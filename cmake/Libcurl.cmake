@@ -1,67 +1,118 @@
-# libcurl, built from its source with what the tool needs and linked statically together with OpenSSL, nghttp2 and idn2.
-# docs/performance.md says what is left out and what that means for a user.
-include(FetchContent)
+# libcurl with what the tool needs, and the libraries that it calls: AWS-LC for TLS, c-ares for names, nghttp2 for
+# HTTP/2, zlib; all from their sources. docs/performance.md says what is left out and what that means for a user.
+enable_language(C)
 
-set(release curl-8.21.0.tar.gz)
-set(release_url https://curl.se/download/${release})
-set(release_hash d9b327997999045a24cda50f3983e69e51c516bd8be6ef9842fc7f99135e33bb)
-
-set(debian_source ${PROJECT_SOURCE_DIR}/build/curl-source/curl)  # there if scripts/curl-source has run
-if(NOT FETCHCONTENT_SOURCE_DIR_CURL AND EXISTS ${debian_source})
-  set(FETCHCONTENT_SOURCE_DIR_CURL ${debian_source})
-endif()
-
-# FetchContent's own download fails with pages of log instead of one sentence.
-set(archive ${PROJECT_BINARY_DIR}/${release})
-if(NOT FETCHCONTENT_SOURCE_DIR_CURL AND NOT EXISTS ${archive})
-  file(DOWNLOAD ${release_url} ${archive}.part STATUS status INACTIVITY_TIMEOUT 20)
-  if(NOT status MATCHES "^0;")
-    message(FATAL_ERROR "No source of libcurl can be reached: run scripts/curl-source, which takes Debian's.")
+# Of each library the newest that cmake/sources.txt lists, in the folder where scripts/sources lays it down, or in the
+# one that -DWEBREQ_CURL_SOURCE=, -DWEBREQ_AWS_LC_SOURCE= and so on name.
+file(STRINGS cmake/sources.txt lines REGEX "^[^#]")
+foreach(line IN LISTS lines)
+  string(REGEX MATCH "^([^ ]+) +([^ ]+)" name "${line}")
+  set(${CMAKE_MATCH_1}_source ${PROJECT_SOURCE_DIR}/build/sources/${CMAKE_MATCH_1}-${CMAKE_MATCH_2})
+  set(${CMAKE_MATCH_1}_version ${CMAKE_MATCH_2})
+endforeach()
+foreach(library IN ITEMS curl aws-lc c-ares nghttp2 zlib)
+  string(TOUPPER "WEBREQ_${library}_SOURCE" variable)
+  string(REPLACE "-" "_" variable ${variable})
+  if(DEFINED ${variable})
+    set(${library}_source ${${variable}})
   endif()
-  file(RENAME ${archive}.part ${archive})
-endif()
+  if(NOT EXISTS ${${library}_source})
+    message(FATAL_ERROR "There is no source of ${library} in ${${library}_source}: run scripts/setup static.")
+  endif()
+  add_compile_options(-ffile-prefix-map=${${library}_source}=${library})
+endforeach()
+add_compile_options(-ffunction-sections -fdata-sections)  # for the linker to leave out what nothing calls
 
-# A SOURCE_SUBDIR without a CMakeLists.txt: it only unpacks, so that add_subdirectory() can take its own options.
-FetchContent_Declare(CURL URL ${archive} URL_HASH SHA256=${release_hash} DOWNLOAD_EXTRACT_TIMESTAMP ON
-  SOURCE_SUBDIR none)
-FetchContent_MakeAvailable(CURL)
+# What follows is in functions, because the variables are the libraries' alone.
+set(CMAKE_POLICY_DEFAULT_CMP0077 NEW)  # plain variables set options,
+set(CMAKE_POLICY_DEFAULT_CMP0126 NEW)  # and those of more than two states
 
-# Both are names of libcurl's own: 7.88 links "idn2", 8.x what LIBIDN2_LIBRARY says.
-find_library(IDN2_ARCHIVE libidn2.a REQUIRED)
-find_library(UNISTRING_ARCHIVE libunistring.a REQUIRED)
-add_library(idn2 STATIC IMPORTED)
-set_target_properties(idn2 PROPERTIES IMPORTED_LOCATION ${IDN2_ARCHIVE} INTERFACE_LINK_LIBRARIES ${UNISTRING_ARCHIVE})
-set(LIBIDN2_LIBRARY idn2)
+function(add_library_source library)
+  set(BUILD_SHARED_LIBS OFF)
+  set(CMAKE_COMPILE_WARNING_AS_ERROR OFF)
+  add_compile_options(-w)
+  add_subdirectory(${${library}_source} ${library} EXCLUDE_FROM_ALL SYSTEM)
+endfunction()
 
-# In a function, because the variables are libcurl's alone.
+function(add_aws_lc)
+  set(DISABLE_GO ON)
+  set(DISABLE_PERL ON)  # what both would generate is there
+  set(DISABLE_CPU_JITTER_ENTROPY ON)  # the kernel's randomness is enough
+  set(BUILD_TESTING OFF)
+  set(BUILD_TOOL OFF)
+  add_library_source(aws-lc)
+  add_library(OpenSSL::Crypto ALIAS crypto)
+  add_library(OpenSSL::SSL ALIAS ssl)
+endfunction()
+
+function(add_c_ares)
+  set(CARES_STATIC ON)
+  foreach(option IN ITEMS CARES_BUILD_TOOLS CARES_INSTALL CARES_SHARED CARES_THREADS)
+    set(${option} OFF)
+  endforeach()
+  add_library_source(c-ares)
+endfunction()
+
+function(add_nghttp2)
+  set(BUILD_STATIC_LIBS ON)
+  set(ENABLE_LIB_ONLY ON)
+  set(ENABLE_DOC OFF)
+  foreach(package IN ITEMS Jansson Jemalloc Libevent Libnghttp3 Libngtcp2 LibXml2 OpenSSL Python3 Systemd)
+    set(CMAKE_DISABLE_FIND_PACKAGE_${package} ON)
+  endforeach()
+  add_library_source(nghttp2)
+endfunction()
+
+# The crate of zlib leaves out its CMakeLists.txt. libcurl only decompresses.
+function(add_zlib)
+  foreach(name IN ITEMS adler32 crc32 inffast inflate inftrees zutil)
+    list(APPEND files ${zlib_source}/${name}.c)
+  endforeach()
+  add_library(zlib STATIC EXCLUDE_FROM_ALL ${files})
+  target_compile_options(zlib PRIVATE -w)
+  target_include_directories(zlib SYSTEM INTERFACE ${zlib_source})
+  add_library(ZLIB::ZLIB ALIAS zlib)
+endfunction()
+
 function(add_libcurl)
-  set(CMAKE_POLICY_DEFAULT_CMP0077 NEW)  # plain variables set options,
-  set(CMAKE_POLICY_DEFAULT_CMP0126 NEW)  # and those of more than two states
-  set(CMAKE_FIND_LIBRARY_SUFFIXES .a)
   foreach(option IN ITEMS
-      OPENSSL_USE_STATIC_LIBS CURL_USE_OPENSSL USE_NGHTTP2 USE_LIBIDN2 ENABLE_IPV6 ENABLE_THREADED_RESOLVER
+      CURL_USE_OPENSSL CURL_ZLIB ENABLE_ARES ENABLE_IPV6 ENABLE_UNIX_SOCKETS USE_NGHTTP2
+      HAVE_AWSLC HAVE_SSL_SET0_WBIO  # libcurl would find out by linking with what isn't built yet
       # Protocols other than HTTP, HTTPS and file.
       CURL_DISABLE_DICT CURL_DISABLE_FTP CURL_DISABLE_GOPHER CURL_DISABLE_IMAP CURL_DISABLE_IPFS CURL_DISABLE_LDAP
-      CURL_DISABLE_LDAPS CURL_DISABLE_MQTT CURL_DISABLE_POP3 CURL_DISABLE_RTSP CURL_DISABLE_SMB CURL_DISABLE_SMTP
-      CURL_DISABLE_TELNET CURL_DISABLE_TFTP CURL_DISABLE_WEBSOCKETS
+      CURL_DISABLE_LDAPS CURL_DISABLE_MQTT CURL_DISABLE_POP3 CURL_DISABLE_RTSP CURL_DISABLE_SMTP CURL_DISABLE_TELNET
+      CURL_DISABLE_TFTP CURL_DISABLE_WEBSOCKETS
       # What takes an option of libcurl that the tool never sets.
-      CURL_DISABLE_ALTSVC CURL_DISABLE_AWS CURL_DISABLE_BEARER_AUTH CURL_DISABLE_COOKIES CURL_DISABLE_CRYPTO_AUTH
-      CURL_DISABLE_DIGEST_AUTH CURL_DISABLE_DOH CURL_DISABLE_FORM_API CURL_DISABLE_GETOPTIONS
-      CURL_DISABLE_HEADERS_API CURL_DISABLE_HSTS CURL_DISABLE_KERBEROS_AUTH CURL_DISABLE_MIME
-      CURL_DISABLE_NEGOTIATE_AUTH CURL_DISABLE_NETRC CURL_DISABLE_NTLM CURL_DISABLE_PROGRESS_METER
-      CURL_DISABLE_SHUFFLE_DNS CURL_DISABLE_SRP CURL_DISABLE_VERBOSE_STRINGS)
+      CURL_DISABLE_ALTSVC CURL_DISABLE_AWS CURL_DISABLE_BEARER_AUTH CURL_DISABLE_COOKIES CURL_DISABLE_DIGEST_AUTH
+      CURL_DISABLE_DOH CURL_DISABLE_FORM_API CURL_DISABLE_GETOPTIONS CURL_DISABLE_HEADERS_API CURL_DISABLE_HSTS
+      CURL_DISABLE_INSTALL CURL_DISABLE_KERBEROS_AUTH CURL_DISABLE_MIME CURL_DISABLE_NEGOTIATE_AUTH
+      CURL_DISABLE_NETRC CURL_DISABLE_PROGRESS_METER CURL_DISABLE_SHA512_256 CURL_DISABLE_SHUFFLE_DNS
+      CURL_DISABLE_VERBOSE_STRINGS)
     set(${option} ON)
   endforeach()
   foreach(option IN ITEMS
-      BUILD_CURL_EXE BUILD_EXAMPLES BUILD_LIBCURL_DOCS BUILD_MISC_DOCS BUILD_SHARED_LIBS BUILD_TESTING
-      CMAKE_COMPILE_WARNING_AS_ERROR CURL_ENABLE_EXPORT_TARGET CURL_USE_PKGCONFIG PICKY_COMPILER
-      CURL_BROTLI CURL_ZLIB CURL_ZSTD  # no request offers an encoding, so none is decoded
-      CURL_USE_GSSAPI CURL_USE_LIBPSL CURL_USE_LIBSSH2 ENABLE_UNIX_SOCKETS)
+      BUILD_CURL_EXE BUILD_EXAMPLES BUILD_LIBCURL_DOCS BUILD_MISC_DOCS BUILD_TESTING CURL_ENABLE_EXPORT_TARGET
+      CURL_USE_CMAKECONFIG CURL_USE_PKGCONFIG ENABLE_CURL_MANUAL HAVE_DES_ECB_ENCRYPT PICKY_COMPILER
+      CURL_BROTLI CURL_USE_GSSAPI CURL_USE_LIBPSL CURL_USE_LIBSSH2 CURL_ZSTD USE_LIBIDN2)
     set(${option} OFF)
   endforeach()
-  add_subdirectory(${curl_SOURCE_DIR} ${curl_BINARY_DIR} EXCLUDE_FROM_ALL SYSTEM)
+  set(CURL_CA_BUNDLE none)  # no certificate is verified
+  set(CURL_CA_PATH none)
+  set(CMAKE_DISABLE_FIND_PACKAGE_Perl ON)  # for documents, which the crate leaves out
+  set(CARES_INCLUDE_DIR ${c-ares_source}/include)
+  set(CARES_LIBRARY c-ares)
+  set(NGHTTP2_INCLUDE_DIR ${nghttp2_source}/lib/includes)
+  set(NGHTTP2_LIBRARY nghttp2_static)
+  set(OPENSSL_INCLUDE_DIR ${aws-lc_source}/include)
+  set(OPENSSL_CRYPTO_LIBRARY crypto)
+  set(OPENSSL_SSL_LIBRARY ssl)
+  set(ZLIB_INCLUDE_DIR ${zlib_source})
+  set(ZLIB_LIBRARY zlib)
+  add_library_source(curl)
 endfunction()
 
-set(own_testing ${BUILD_TESTING})
+add_aws_lc()
+add_c_ares()
+add_nghttp2()
+add_zlib()
 add_libcurl()
-set(BUILD_TESTING ${own_testing} CACHE BOOL "Build the tests" FORCE)  # 7.88 stores its own value there

@@ -1,4 +1,64 @@
-# Unit tests beside the code, linked with a recording libcurl; end-to-end tests of the built tool.
+# End-to-end tests of the built tool; unit tests beside the code, linked with a recording libcurl.
+
+# Debian's pytest, or the one that scripts/setup installs where there are no packages of it.
+find_program(PYTEST NAMES pytest-3 pytest HINTS ${PROJECT_SOURCE_DIR}/build/venv/bin REQUIRED)
+
+add_executable(fetch_example examples/fetch.cpp)
+target_link_libraries(fetch_example PRIVATE compiler_options)
+
+# What runs the tool and the example: themselves, or a script that has the emulator do so.
+foreach(name webreq fetch_example)
+  set(${name} $<TARGET_FILE:${name}>)
+  if(CMAKE_CROSSCOMPILING)
+    set(${name} ${PROJECT_BINARY_DIR}/${name}-emulated)
+    list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
+    set(translator TRANSLATOR=qemu-aarch64)
+    file(GENERATE OUTPUT ${${name}} CONTENT "#!/bin/sh\nexec ${emulator} $<TARGET_FILE:${name}> \"$@\"\n"
+      FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+  endif()
+endforeach()
+
+# The cases of e2e/test_<name>.py, `processes` at a time.
+function(add_end_to_end_test name processes)
+  add_test(NAME e2e/${name}
+    COMMAND ${PYTEST} -n ${processes} ${PROJECT_SOURCE_DIR}/e2e/test_${name}.py)
+  set_tests_properties(e2e/${name} PROPERTIES
+    TIMEOUT 120
+    ENVIRONMENT "WEBREQ=${webreq};FETCH_EXAMPLE=${fetch_example};${translator};PYTHONDONTWRITEBYTECODE=1")
+endfunction()
+
+add_end_to_end_test(timeouts 12)
+set_tests_properties(e2e/timeouts PROPERTIES RUN_SERIAL ON)  # its waits run side by side, and nothing else beside them
+foreach(name command_line examples failures headers misbehaving_servers output readme redirects responses system_calls tls)
+  add_end_to_end_test(${name} 0)
+endforeach()
+if(CMAKE_BUILD_TYPE STREQUAL "Release")
+  add_end_to_end_test(hardening 0)
+endif()
+
+# Preloaded into the tool by tests in e2e/.
+if(CMAKE_SYSTEM_NAME STREQUAL "Linux" AND NOT WEBREQ_STATIC)
+  foreach(name failing_malloc hanging_resolver)
+    add_library(${name} MODULE e2e/preload/${name}.cpp)
+    target_link_libraries(${name} PRIVATE compiler_options ${CMAKE_DL_LIBS})
+    set_target_properties(${name} PROPERTIES PREFIX "")
+  endforeach()
+endif()
+
+# Nothing can be preloaded into a static executable: the same objects once more, with allocations that fail.
+if(WEBREQ_STATIC)
+  add_executable(webreq_failing_malloc app/main.cpp net/name_services.cpp e2e/preload/failing_malloc.cpp)
+  target_compile_definitions(webreq_failing_malloc PRIVATE WRAPPED)
+  target_link_libraries(webreq_failing_malloc PRIVATE front_end compiler_options)
+  target_link_options(webreq_failing_malloc PRIVATE -static-pie
+    LINKER:--wrap=aligned_alloc,--wrap=calloc,--wrap=main,--wrap=malloc,--wrap=posix_memalign,--wrap=realloc)
+endif()
+
+# The unit tests are about the code, not about the machine.
+if(CMAKE_CROSSCOMPILING)
+  return()
+endif()
+
 find_package(GTest REQUIRED)
 include(GoogleTest)
 
@@ -23,39 +83,11 @@ add_unit_test(net web_request reqkit)
 add_unit_test(app request_description front_end)
 add_unit_test(app response_capacity front_end)
 add_unit_test(app usage front_end)
+add_unit_test(app output front_end)
+add_unit_test(app process front_end)
 add_unit_test(app front_end front_end)
-
-# Debian's pytest, or the one that scripts/setup installs where there are no packages of it.
-find_program(PYTEST NAMES pytest-3 pytest HINTS ${PROJECT_SOURCE_DIR}/build/venv/bin REQUIRED)
-
-add_executable(fetch_example examples/fetch.cpp)
-target_link_libraries(fetch_example PRIVATE compiler_options)
-
-# The cases of e2e/test_<name>.py, `processes` at a time.
-function(add_end_to_end_test name processes)
-  add_test(NAME e2e/${name}
-    COMMAND ${PYTEST} -n ${processes} ${PROJECT_SOURCE_DIR}/e2e/test_${name}.py)
-  set_tests_properties(e2e/${name} PROPERTIES
-    TIMEOUT 120 ENVIRONMENT "WEBREQ=$<TARGET_FILE:webreq>;FETCH_EXAMPLE=$<TARGET_FILE:fetch_example>;PYTHONDONTWRITEBYTECODE=1")
-endfunction()
-
-add_end_to_end_test(timeouts 12)
-set_tests_properties(e2e/timeouts PROPERTIES RUN_SERIAL ON)  # its waits run side by side, and nothing else beside them
-foreach(name command_line examples failures headers misbehaving_servers output readme redirects responses system_calls tls)
-  add_end_to_end_test(${name} 0)
-endforeach()
-if(CMAKE_BUILD_TYPE STREQUAL "Release")
-  add_end_to_end_test(hardening 0)
-endif()
-
-# Preloaded into the tool by tests in e2e/.
-if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
-  foreach(name failing_malloc hanging_resolver)
-    add_library(${name} MODULE e2e/preload/${name}.cpp)
-    target_link_libraries(${name} PRIVATE compiler_options ${CMAKE_DL_LIBS})
-    set_target_properties(${name} PROPERTIES PREFIX "")
-  endforeach()
-endif()
+add_unit_test(testing interruptions reqkit)
+add_unit_test(testing recording_curl reqkit)
 
 option(WEBREQ_FUZZ "Build the fuzz targets" OFF)
 
@@ -67,5 +99,6 @@ if(WEBREQ_FUZZ)
     target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
   endforeach()
   target_link_libraries(fuzz_command_line PRIVATE test_support)
-  target_link_options(fuzz_command_line PRIVATE LINKER:--wrap=open,--wrap=write,--wrap=close)
+  target_compile_options(test_support PRIVATE -fno-sanitize=fuzzer-no-link)
+  target_link_options(fuzz_command_line PRIVATE LINKER:--wrap=open,--wrap=write,--wrap=close,--wrap=malloc,--wrap=free)
 endif()

@@ -19,6 +19,12 @@ from scripted_server import ScriptedServer
 REPOSITORY = pathlib.Path(__file__).parent.parent
 WEBREQ = os.path.abspath(os.environ.get("WEBREQ", REPOSITORY / "build/release/webreq"))
 
+# The build's folder and the executable in it; WEBREQ may be a script that has valgrind or an emulator run that.
+BUILD = pathlib.Path(WEBREQ).parent
+EXECUTABLE = BUILD / "webreq"
+
+IS_STATIC = BUILD.name.startswith("static")  # nothing can be preloaded into it
+
 MEMORY = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES")  # bytes
 
 # Proxies of the machine must not come between the tool and loopback.

@@ -60,7 +60,7 @@ def test_error_status_is_a_failure(run, serve, command):
 
 
 def test_failed_transfer_is_a_failure(run, command):
-    assert run(*command, "nonsense://127.0.0.1/") == Answer(b"", b"fetch: the result is 1\n", 1)
+    assert run(*command, "foo://127.0.0.1/") == Answer(b"", b"fetch: the result is 1\n", 1)
 
 
 def test_no_argument_is_a_usage_error(run, command):

@@ -5,26 +5,34 @@ import resource
 import socket
 import sys
 
+import libcurl
 import pytest
 from conftest import WEBREQ, Answer
+from scripted_server import reply
 
 NO_SUCH_HOST = "a" * 64 + ".invalid"  # a label longer than names may have: no resolver is asked
 
 
 @pytest.mark.parametrize(
-    "url, code",
+    "url, printed",
     [
-        ("foo://127.0.0.1/", 1),
-        ("http://", 3),
-        ("http://a b/", 3),
-        ("http://127.0.0.1:99999/", 3),
-        ("http://[::1/", 3),
-        (f"http://{NO_SUCH_HOST}/", 6),
-        ("file:///no/such/file", 37),
+        ("foo://127.0.0.1/", b"1\n"),
+        ("nonsense://127.0.0.1/", libcurl.answer("nonsense://127.0.0.1/")),
+        ("http://", b"3\n"),
+        ("http://a b/", libcurl.answer("http://a b/")),
+        ("http://127.0.0.1:99999/", b"3\n"),
+        ("http://[::1/", b"3\n"),
+        ("http://[x/", libcurl.answer("http://[x/")),
+        (f"http://{NO_SUCH_HOST}/", b"6\n"),
+        ("file:///no/such/file", b"37\n"),
     ],
 )
-def test_url_that_leads_nowhere(tool, url, code):
-    assert tool.request(url) == Answer(b"%d\n" % code)
+def test_url_that_leads_nowhere(tool, url, printed):
+    assert tool.request(url) == Answer(printed)
+
+
+def test_space_in_the_path(tool, serve):
+    assert tool.request(serve(reply(200, b"ok")).url + "/a b") == Answer(libcurl.answer("space in the path"))
 
 
 def test_connection_refused(tool):
@@ -41,6 +49,11 @@ def test_file_has_no_status(tool, tmp_path):
 def test_empty_file_has_neither_status_nor_body(tool, tmp_path):
     (tmp_path / "local").write_bytes(b"")
     assert tool.request(f"file://{tmp_path}/local") == Answer(b"0\n")
+
+
+def test_folder(tool, tmp_path):
+    (tmp_path / "file").write_bytes(b"")
+    assert tool.request(f"file://{tmp_path}") == Answer(libcurl.answer("file:// on a folder"))
 
 
 def limit_address_space(mebibytes):

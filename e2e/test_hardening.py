@@ -1,19 +1,20 @@
 """What the linker and the compiler were asked to harden, as it stands in the executable."""
 
 import json
-import pathlib
-import platform
+import os
 import subprocess
 import sys
 
 import pytest
-from conftest import WEBREQ
+from conftest import BUILD, EXECUTABLE, IS_STATIC, REPOSITORY
 
 pytestmark = pytest.mark.skipif(sys.platform != "linux", reason="looks into ELF files")
 
+OWN_LIBRARIES = ["libfront_end.a", "libreqkit.a"]
+
 
 def inspect(*command):
-    return subprocess.run([*command, WEBREQ], capture_output=True, check=True, text=True).stdout
+    return subprocess.run([*command, EXECUTABLE], capture_output=True, check=True, text=True).stdout
 
 
 @pytest.fixture(name="headers", scope="session")
@@ -24,16 +25,13 @@ def read_headers():
 @pytest.fixture(name="symbols", scope="session")
 def read_symbols():
     """What the tool's own code calls; the libraries linked into it may call the same."""
-    archives = [pathlib.Path(WEBREQ).with_name(name) for name in ("libfront_end.a", "libreqkit.a")]
+    archives = [BUILD / name for name in OWN_LIBRARIES]
     command = ["nm", "--demangle", "--undefined-only", *archives]
     return subprocess.run(command, capture_output=True, check=True, text=True).stdout
 
 
 def test_position_independent(headers):
-    """But for the lean build, which gives it up for a faster start: docs/performance.md."""
-    is_lean = pathlib.Path(WEBREQ).parent.name == "lean"
-    kind = "EXEC (Executable file)" if is_lean else "DYN (Position-Independent Executable file)"
-    assert f"Elf file type is {kind}" in headers
+    assert "Elf file type is DYN (Position-Independent Executable file)" in headers
 
 
 def test_relocations_are_read_only_and_bound_at_start(headers):
@@ -54,10 +52,14 @@ def test_stack_is_protected(symbols):
     assert "__stack_chk_fail" in symbols
 
 
-def test_every_file_is_compiled_with_stack_clash_protection():
-    """No frame of the tool's own is large enough to show it in the machine code."""
-    commands = json.loads(pathlib.Path(WEBREQ).with_name("compile_commands.json").read_text())
-    assert all("-fstack-clash-protection" in entry["command"] for entry in commands)
+@pytest.mark.parametrize(
+    "option", ["-D_FORTIFY_SOURCE=3", "-fPI", "-fstack-clash-protection", "-fstack-protector-strong"]
+)
+def test_every_file_is_compiled_with(option):
+    """The libraries' of a static build as well. No frame of the tool's own is large enough for its machine code to show
+    all of these."""
+    commands = json.loads((BUILD / "compile_commands.json").read_text())
+    assert [entry["file"] for entry in commands if option not in entry["command"]] == []
 
 
 def test_library_assertions_are_on(symbols):
@@ -70,6 +72,18 @@ def test_buffers_are_checked(symbols):
     assert "__snprintf_chk" in symbols
 
 
-@pytest.mark.skipif(platform.machine() != "x86_64", reason="a feature of x86-64")
 def test_indirect_branches_have_landing_pads():
-    assert "endbr64" in inspect("objdump", "--disassemble=main")
+    """On x86-64 (IBT) and on 64-bit Arm (BTI)."""
+    archives = [BUILD / name for name in OWN_LIBRARIES]
+    notes = subprocess.run(["readelf", "--notes", *archives], capture_output=True, check=True, text=True).stdout
+    assert notes.count(" IBT,") + notes.count(" BTI,") == notes.count("File: ")
+
+
+@pytest.mark.skipif(not IS_STATIC, reason="for the static executable")
+def test_nothing_is_loaded(headers):
+    assert not any("NEEDED" in line or line.startswith("INTERP") for line in headers)
+
+
+@pytest.mark.skipif(not IS_STATIC, reason="for the static executable")
+def test_no_path_of_the_machine_that_built_it():
+    assert os.fsencode(REPOSITORY) not in EXECUTABLE.read_bytes()

@@ -7,6 +7,7 @@ import h2.config
 import h2.connection
 import h2.errors
 import h2.events
+import libcurl
 import pytest
 from conftest import Answer
 from scripted_server import AWAIT_CLOSE, READ_REQUEST, reply
@@ -41,32 +42,40 @@ def test_body_in_10000_chunks_of_one_byte(tool, serve):
     assert tool.request(server.url) == Answer(b"200\n" + body + b"\n")
 
 
+TLS_ALERT = b"\x15\x03\x03\0\x02\x02\x28"
 ANSWERS = [
     pytest.param(
         OK + b"".join(b"X-%04d: %s\r\n" % (line, b"x" * 40) for line in range(5000)) + b"Content-Length: 2\r\n\r\nok",
-        b"200\nok\n",
+        libcurl.answer("5000 header lines"),
         id="5000 header lines, 250 KB",
     ),
     pytest.param(OK + b"X: " + b"x" * 90_000 + b"\r\nContent-Length: 2\r\n\r\nok", b"200\nok\n", id="long header line"),
-    pytest.param(OK + b"X: " + b"x" * 300_000 + b"\r\nContent-Length: 2\r\n\r\nok", b"27\n", id="too long header line"),
+    pytest.param(
+        OK + b"X: " + b"x" * 300_000 + b"\r\nContent-Length: 2\r\n\r\nok",
+        libcurl.answer("too long header line"),
+        id="too long header line",
+    ),
     pytest.param(b"HTTP/1.1 103 Early\r\n\r\n" * 10_000 + reply(200, b"ok"), b"200\nok\n", id="10,000 early hints"),
     pytest.param(OK + b"Transfer-Encoding: chunked\r\n\r\n2\r\nabcd\r\n0\r\n\r\n", b"56\nab\n", id="chunk too long"),
     pytest.param(
         OK + b"Transfer-Encoding: chunked\r\n\r\nfffffffffffffffff\r\nab", b"56\n", id="chunk of more than 64 bits"
     ),
     pytest.param(OK + b"Transfer-Encoding: chunked\r\n\r\n2\r\nab\r\n", b"18\nab\n", id="no last chunk"),
-    pytest.param(OK + b"Content-Length: 2\r\nContent-Length: 4\r\n\r\nabcd", b"200\nabcd\n", id="two lengths"),
-    pytest.param(OK + b"Content-Length: -1\r\n\r\nabcd", b"8\n", id="negative length"),
     pytest.param(
-        OK + b"Content-Length: 99999999999999999999\r\n\r\nabcd", b"200\nabcd\n", id="length of more than 64 bits"
+        OK + b"Content-Length: 2\r\nContent-Length: 4\r\n\r\nabcd", libcurl.answer("two lengths"), id="two lengths"
+    ),
+    pytest.param(OK + b"Content-Length: -1\r\n\r\nabcd", libcurl.answer("negative length"), id="negative length"),
+    pytest.param(
+        OK + b"Content-Length: 99999999999999999999\r\n\r\nabcd",
+        libcurl.answer("length of more than 64 bits"),
+        id="length of more than 64 bits",
     ),
     pytest.param(b"HTTP/1.1 200\r\n\r\nabcd", b"200\nabcd\n", id="no reason phrase"),
-    pytest.param(b"HTTP/9.9 200 OK\r\n\r\nabcd", b"1\n", id="unknown version"),
-    pytest.param(b"\x16\x03\x01\x02\0\x01\0" + b"\0" * 500, b"1\n", id="TLS where HTTP is expected"),
+    pytest.param(b"HTTP/9.9 200 OK\r\n\r\nabcd", libcurl.answer("unknown version"), id="unknown version"),
+    pytest.param(TLS_ALERT, libcurl.answer("TLS where HTTP is expected"), id="TLS where HTTP is expected"),
     pytest.param(reply(302, b"body", "Location: "), b"302\nbody\n", id="empty Location"),
     pytest.param(reply(302, b"body", "Location: http://[::1/"), b"3\n", id="malformed Location"),
     pytest.param(reply(302, b"body", "Location: file:///etc/hostname"), b"1\n", id="Location with file:"),
-    pytest.param(reply(302, b"body", "Location: gopher://127.0.0.1/"), b"1\n", id="Location with gopher:"),
 ]
 
 
@@ -75,18 +84,28 @@ def test_answer(tool, serve, response, printed):
     assert tool.request(serve(response).url) == Answer(printed)
 
 
-def test_redirect_to_ftp_is_followed_and_refused_there(tool, serve):
+@pytest.fixture
+def nobody():
+    """The address of a port that refuses connections: bound but not listening, so nobody else can take it."""
     with socket.socket() as bound:
         bound.bind(("127.0.0.1", 0))
-        location = f"Location: ftp://127.0.0.1:{bound.getsockname()[1]}/"
-        answer = tool.request(serve(reply(302, b"body", location)).url)
-    assert answer in (Answer(b"7\n"), Answer(b"1\n"))  # 1 from a libcurl without FTP
+        yield f"127.0.0.1:{bound.getsockname()[1]}"
+
+
+def test_redirect_to_ftp_is_followed_and_refused_there(tool, serve, nobody):
+    """As it is without a redirect: 7, or 1 from a libcurl without FTP."""
+    there = f"ftp://{nobody}/"
+    assert tool.request(serve(reply(302, b"body", f"Location: {there}")).url) == tool.request(there)
+
+
+def test_redirect_to_gopher(tool, serve, nobody):
+    server = serve(reply(302, b"body", f"Location: gopher://{nobody}/"))
+    assert tool.request(server.url) == Answer(libcurl.answer("redirect to gopher"))
 
 
 def test_endless_headers(tool, serve):
     server = serve([READ_REQUEST, OK, endless(b"X: y\r\n")])
-    answer = tool.request(server.url + SECOND)
-    assert answer in (Answer(b"28\n"), Answer(b"56\n"))  # 56 where libcurl limits the size of all headers
+    assert tool.request(server.url + SECOND) == Answer(libcurl.answer("endless headers"))
 
 
 def test_endless_body(tool, serve):
@@ -98,10 +117,9 @@ def test_endless_body(tool, serve):
 
 
 def test_endless_redirects(tool, serve):
-    again = reply(302, b"", "Location: /again")
+    again = reply(302, b"", "Location: /again", "X: " + "x" * 3000)
     server = serve(*[again] * 100_000)
-    answer = tool.request(server.url + SECOND)  # libcurl may limit redirects (47) or the size of all headers (56)
-    assert answer in (Answer(b"28\n"), Answer(b"47\n"), Answer(b"56\n"))
+    assert tool.request(server.url + SECOND) == Answer(libcurl.answer("endless redirects"))
     assert len(server.requests) > 20
 
 
@@ -139,9 +157,9 @@ def test_tls_without_close_notify_behind_a_whole_body(tool, serve, tls):
 
 
 def test_tls_without_close_notify_where_only_it_would_end_the_body(tool, serve, tls):
-    """Some builds of libcurl let it pass; none loses what arrived."""
+    """Some versions of libcurl let it pass; none loses what arrived."""
     server = serve([READ_REQUEST, OK + b"\r\nbody", abandon], tls_context=tls)
-    assert tool.request(server.url) in (Answer(b"200\nbody\n"), Answer(b"56\nbody\n"))
+    assert tool.request(server.url) == Answer(libcurl.answer("TLS cut off"))
 
 
 def http2(ending):
@@ -169,15 +187,20 @@ def await_event(protocol, connection, kind):
                 return event
 
 
+@pytest.mark.skipif(libcurl.version() < (7, 62, 0), reason="this libcurl asks for HTTP/1.1")
 @pytest.mark.parametrize(
     "ending, then, printed",
     [
         pytest.param(
             lambda h2, stream: h2.send_data(stream, b"whole", True), AWAIT_CLOSE, b"200\nhalf\0whole\n", id="end"
         ),
-        pytest.param(lambda h2, stream: h2.reset_stream(stream, 2), AWAIT_CLOSE, b"92\nhalf\0\n", id="RST_STREAM"),
-        pytest.param(lambda h2, stream: h2.close_connection(2, b"", 0), AWAIT_CLOSE, b"16\nhalf\0\n", id="GOAWAY"),
-        pytest.param(lambda h2, stream: None, b"", b"18\nhalf\0\n", id="close"),
+        pytest.param(
+            lambda h2, stream: h2.reset_stream(stream, 2), AWAIT_CLOSE, libcurl.answer("RST_STREAM"), id="RST_STREAM"
+        ),
+        pytest.param(
+            lambda h2, stream: h2.close_connection(2, b"", 0), AWAIT_CLOSE, libcurl.answer("GOAWAY"), id="GOAWAY"
+        ),
+        pytest.param(lambda h2, stream: None, b"", libcurl.answer("HTTP/2 closed"), id="close"),
     ],
 )
 def test_http_2_that_ends_in_the_middle_of_the_body(tool, serve, tls, ending, then, printed):

@@ -57,9 +57,17 @@ def test_longer_file_is_truncated(tool, tmp_path, url):
     assert (tmp_path / "out.txt").read_bytes() == BODY
 
 
-def test_new_file_has_the_mode_that_the_mask_leaves(tool, tmp_path, url):
-    assert tool.request(f"{url}||||||out.txt", umask=0o027) == Answer(b"200\n")
-    assert (tmp_path / "out.txt").stat().st_mode & 0o777 == 0o640
+def test_file_with_two_names_is_the_same_file_afterwards(tool, tmp_path, url):
+    (tmp_path / "out.txt").write_bytes(b"former")
+    os.link(tmp_path / "out.txt", tmp_path / "other name")
+    assert tool.request(f"{url}||||||out.txt") == Answer(b"200\n")
+    assert (tmp_path / "other name").read_bytes() == BODY
+
+
+@pytest.mark.parametrize("umask, mode", [(0o000, 0o666), (0o027, 0o640)])
+def test_new_file_has_the_mode_that_the_mask_leaves(tool, tmp_path, url, umask, mode):
+    assert tool.request(f"{url}||||||out.txt", umask=umask) == Answer(b"200\n")
+    assert (tmp_path / "out.txt").stat().st_mode & 0o777 == mode
 
 
 def test_file_of_50_mb(tool, tmp_path, large, large_url):

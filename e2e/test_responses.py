@@ -1,5 +1,6 @@
 """Answers of servers, well-formed and not, and what becomes of them on standard output."""
 
+import libcurl
 import pytest
 from conftest import Answer
 from scripted_server import AWAIT_CLOSE, READ_REQUEST, RESET, reply
@@ -45,7 +46,7 @@ RESPONSES = [
     pytest.param(OK + b"Content-Encoding: gzip\r\nContent-Length: 3\r\n\r\nabc", b"200\nabc\n", id="never decoded"),
     pytest.param(OK + b"Content-Type: text/plain; charset=utf-16\r\n\r\n\xff\xfe", b"200\n\xff\xfe\n", id="no charset"),
     pytest.param(b"", b"52\n", id="empty reply"),
-    pytest.param(b"This is no HTTP.\r\n\r\n", b"1\n", id="garbage"),
+    pytest.param(b"This is no HTTP.\r\n\r\n", libcurl.answer("garbage"), id="garbage"),
 ]
 
 

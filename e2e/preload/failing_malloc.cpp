@@ -1,7 +1,8 @@
-// Preloaded into the tool: lets allocations fail from main's beginning on. See e2e/faults.py, which runs it.
+// Preloaded into the tool: lets allocations fail from main's beginning on. See e2e/faults.py, which runs it. A static
+// executable is linked with it instead, and with the linker's option --wrap for what is replaced.
 //
-// FAIL_FIRST and FAIL_LAST name the allocations that fail, counted from 1. The first that does is told by a byte on
-// the descriptor FAIL_REPORT.
+// FAIL_FIRST and FAIL_LAST name the allocations that fail, counted from 1. The size of the first that does, a size_t,
+// is written to the descriptor FAIL_REPORT.
 #include <dlfcn.h>
 #include <unistd.h>
 
@@ -10,13 +11,23 @@
 #include <cstddef>
 #include <cstdlib>
 
+// How what is replaced here is called: what replaces it, and the C library's own.
+#ifdef WRAPPED
+#define REPLACED(name) __wrap_##name
+#define OWN(name) __real_##name
+#define OWN_MEMALIGN OWN(aligned_alloc)
+#else
+#define REPLACED(name) name
+#define OWN(name) __libc_##name
+#define OWN_MEMALIGN OWN(memalign)
+#endif
+
 extern "C" {
 
-// The C library's own names of what is replaced here.
-void* __libc_malloc(std::size_t size);
-void* __libc_calloc(std::size_t count, std::size_t size);
-void* __libc_realloc(void* memory, std::size_t size);
-void* __libc_memalign(std::size_t alignment, std::size_t size);
+void* OWN(malloc)(std::size_t size);
+void* OWN(calloc)(std::size_t count, std::size_t size);
+void* OWN(realloc)(void* memory, std::size_t size);
+void* OWN_MEMALIGN(std::size_t alignment, std::size_t size);
 
 }  // extern "C"
 
@@ -34,11 +45,11 @@ long numberFrom(const char* variable) {
   return text == nullptr ? 0 : std::atol(text);
 }
 
-bool mustFail() {
+bool mustFail(std::size_t size) {
   if (!armed) return false;
   const long number = ++allocations;
   if (number < firstFailing || number > lastFailing) return false;
-  if (number == firstFailing && write(report, "!", 1) != 1) std::abort();
+  if (number == firstFailing && write(report, &size, sizeof size) != sizeof size) std::abort();
   errno = ENOMEM;
   return true;
 }
@@ -57,25 +68,39 @@ int armedMain(int argumentCount, char** arguments, char** environment) {
 
 extern "C" {
 
-void* malloc(std::size_t size) { return mustFail() ? nullptr : __libc_malloc(size); }
-void* calloc(std::size_t count, std::size_t size) { return mustFail() ? nullptr : __libc_calloc(count, size); }
-void* realloc(void* memory, std::size_t size) { return mustFail() ? nullptr : __libc_realloc(memory, size); }
+void* REPLACED(malloc)(std::size_t size) { return mustFail(size) ? nullptr : OWN(malloc)(size); }
+void* REPLACED(calloc)(std::size_t count, std::size_t size) {
+  return mustFail(count * size) ? nullptr : OWN(calloc)(count, size);
+}
 
-int posix_memalign(void** memory, std::size_t alignment, std::size_t size) {
-  if (mustFail()) return ENOMEM;
-  *memory = __libc_memalign(alignment, size);
+void* REPLACED(realloc)(void* memory, std::size_t size) {
+  return mustFail(size) ? nullptr : OWN(realloc)(memory, size);
+}
+
+int REPLACED(posix_memalign)(void** memory, std::size_t alignment, std::size_t size) {
+  if (mustFail(size)) return ENOMEM;
+  *memory = OWN_MEMALIGN(alignment, size);
   return *memory == nullptr ? ENOMEM : 0;
 }
 
-void* aligned_alloc(std::size_t alignment, std::size_t size) {
-  return mustFail() ? nullptr : __libc_memalign(alignment, size);
+void* REPLACED(aligned_alloc)(std::size_t alignment, std::size_t size) {
+  return mustFail(size) ? nullptr : OWN_MEMALIGN(alignment, size);
 }
 
+#ifdef WRAPPED
+int OWN(main)(int argumentCount, char** arguments, char** environment);
+
+int REPLACED(main)(int argumentCount, char** arguments, char** environment) {
+  toolMain = OWN(main);
+  return armedMain(argumentCount, arguments, environment);
+}
+#else
 int __libc_start_main(int (*main)(int, char**, char**), int argumentCount, char** arguments, void (*init)(),
                       void (*fini)(), void (*loaderFini)(), void* stackEnd) {
   toolMain = main;
   const auto next = reinterpret_cast<decltype(&__libc_start_main)>(dlsym(RTLD_NEXT, "__libc_start_main"));
   return next(armedMain, argumentCount, arguments, init, fini, loaderFini, stackEnd);
 }
+#endif
 
 }  // extern "C"
