@@ -25,8 +25,10 @@ function(add_end_to_end_test name processes)
     TIMEOUT 120 ENVIRONMENT "WEBREQ=${webreq};FETCH_EXAMPLE=${fetch_example};PYTHONDONTWRITEBYTECODE=1")
 endfunction()
 
+add_end_to_end_test(resolver 4)
 add_end_to_end_test(timeouts 12)
-set_tests_properties(e2e/timeouts PROPERTIES RUN_SERIAL ON)  # its waits run side by side, and nothing else beside them
+# Their waits run side by side, and nothing else beside them.
+set_tests_properties(e2e/resolver e2e/timeouts PROPERTIES RUN_SERIAL ON)
 foreach(name command_line examples failures headers misbehaving_servers output readme redirects responses system_calls tls)
   add_end_to_end_test(${name} 0)
 endforeach()
