@@ -12,6 +12,7 @@ foreach(name webreq fetch_example)
   if(CMAKE_CROSSCOMPILING)
     set(${name} ${PROJECT_BINARY_DIR}/${name}-emulated)
     list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
+    set(translator TRANSLATOR=qemu-aarch64)
     file(GENERATE OUTPUT ${${name}} CONTENT "#!/bin/sh\nexec ${emulator} $<TARGET_FILE:${name}> \"$@\"\n"
       FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
   endif()
@@ -22,7 +23,8 @@ function(add_end_to_end_test name processes)
   add_test(NAME e2e/${name}
     COMMAND ${PYTEST} -n ${processes} ${PROJECT_SOURCE_DIR}/e2e/test_${name}.py)
   set_tests_properties(e2e/${name} PROPERTIES
-    TIMEOUT 120 ENVIRONMENT "WEBREQ=${webreq};FETCH_EXAMPLE=${fetch_example};PYTHONDONTWRITEBYTECODE=1")
+    TIMEOUT 120
+    ENVIRONMENT "WEBREQ=${webreq};FETCH_EXAMPLE=${fetch_example};${translator};PYTHONDONTWRITEBYTECODE=1")
 endfunction()
 
 add_end_to_end_test(resolver 4)
@@ -99,5 +101,6 @@ if(WEBREQ_FUZZ)
     target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
   endforeach()
   target_link_libraries(fuzz_command_line PRIVATE test_support)
-  target_link_options(fuzz_command_line PRIVATE LINKER:--wrap=open,--wrap=write,--wrap=close)
+  target_compile_options(test_support PRIVATE -fno-sanitize=fuzzer-no-link)
+  target_link_options(fuzz_command_line PRIVATE LINKER:--wrap=open,--wrap=write,--wrap=close,--wrap=malloc,--wrap=free)
 endif()

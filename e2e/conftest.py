@@ -6,7 +6,6 @@ import os
 import pathlib
 import ssl
 import subprocess
-import sys
 from typing import NamedTuple
 
 import pytest
@@ -24,13 +23,19 @@ WEBREQ = os.path.abspath(os.environ.get("WEBREQ", REPOSITORY / "build/release/we
 BUILD = pathlib.Path(WEBREQ).parent
 EXECUTABLE = BUILD / "webreq"
 
-IS_EMULATED = WEBREQ.endswith("-emulated")
-IS_STATIC = sys.platform == "linux" and b"/ld-linux" not in EXECUTABLE.read_bytes()[:4096]
+IS_STATIC = BUILD.name.startswith("static")  # nothing can be preloaded into it
 
 MEMORY = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES")  # bytes
 
 # Proxies of the machine must not come between the tool and loopback.
 ENVIRONMENT = {name: value for name, value in os.environ.items() if not name.lower().endswith("_proxy")}
+
+# The program that translates the tool's machine code, if it is for another processor.
+TRANSLATOR = os.environ.get("TRANSLATOR")
+
+
+def impossible_under_translator(reason):
+    return pytest.mark.skipif(TRANSLATOR is not None, reason=f"{TRANSLATOR}: {reason}")
 
 
 class Answer(NamedTuple):

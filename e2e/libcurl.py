@@ -37,6 +37,8 @@ ANSWERS = {
     "too long header line": {"7.54.0": b"27\n", "8.6.0": b"100\n"},
     "5000 header lines": {"7.54.0": b"200\nok\n", "8.14.0": b"100\n"},
     "endless headers": {"7.54.0": b"28\n", "7.88.1": b"56\n", "8.0.0": b"28\n", "8.3.0": b"56\n", "8.14.0": b"100\n"},
+    # Without memory for its receive buffer: does it give out a handle that crashes?
+    "no receive buffer, but a handle": {"7.54.0": True, "7.55.0": False},
     # A resolver that takes longer than the time-out: is it waited for?
     "hanging resolver": {"7.54.0": False, "7.64.0": True},
     # Connections that end too early.

@@ -97,7 +97,7 @@ def test_full_pipe_is_awaited_not_polled(tool, tmp_path, serve):
         assert pipe.read() == b"200\n" + body + b"\n"
         assert process.wait() == 0
     trace = (tmp_path / "trace").read_text()
-    assert "poll(" in trace
+    assert "poll(" in trace  # or ppoll, which is the only one on arm64
     assert len(trace.splitlines()) < 500
 
 

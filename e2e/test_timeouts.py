@@ -13,7 +13,7 @@ import time
 
 import libcurl
 import pytest
-from conftest import BUILD, ENVIRONMENT, IS_STATIC, Answer
+from conftest import BUILD, ENVIRONMENT, IS_STATIC, Answer, impossible_under_translator
 from scripted_server import AWAIT_CLOSE, READ_REQUEST, pause, reply
 
 IS_SANITIZED = BUILD.name == "asan"  # many of which need seconds to start side by side
@@ -77,8 +77,10 @@ def test_resolver_that_hangs_for_4_seconds(tool):
 
 
 needs_faketime = pytest.mark.skipif(
-    IS_STATIC or not shutil.which("faketime"), reason="faketime preloads a library: none here, or the executable is static"
+    IS_STATIC or not shutil.which("faketime"),
+    reason="faketime preloads a library: none here, or the executable is static",
 )
+needs_own_clock = impossible_under_translator("faketime doesn't make the clock faster")
 
 
 @pytest.fixture
@@ -94,12 +96,14 @@ def hurried(tool):
 
 
 @needs_faketime
+@needs_own_clock
 def test_30_seconds_for_connecting(hurried):
     with silent_listener() as port, timed(at_least=30 / 20, below=60 / 20):
         assert hurried(f"http://127.0.0.1:{port}/|||||30000") == Answer(b"28\n")
 
 
 @needs_faketime
+@needs_own_clock
 def test_60_seconds_for_the_whole_request(hurried, serve):
     server = serve([READ_REQUEST, HALF_A_BODY, AWAIT_CLOSE])
     with timed(at_least=60 / 20):

@@ -1,7 +1,10 @@
 // Fuzzes a whole run of the tool over the recording libcurl. The linker puts the functions below in the place of
-// open(), write() and close(), so that no file is touched and writes end early as the input wants it.
+// open(), write() and close(), so that no file is touched and writes end early as the input wants it, and in the place
+// of malloc() and free(), so that the reservation for the body takes microseconds: AddressSanitizer would mark each of
+// its bytes twice.
 //
 // Input: a byte that says how much each write takes, then the arguments, a NUL byte behind each, then the body.
+#include <sys/mman.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -20,6 +23,7 @@
 namespace {
 
 constexpr int kOutputFile = 1'000'000;
+constexpr std::size_t kReservation = std::size_t{1} << 30U;  // bytes; what is larger than this is taken for one
 
 struct World {
   std::string standardOutput;
@@ -33,6 +37,8 @@ struct World {
 
 World world;
 bool running = false;
+void* reservation = nullptr;
+std::size_t reservationSize = 0;
 
 void require(bool holds) {
   if (!holds) std::abort();
@@ -45,6 +51,8 @@ extern "C" {
 ssize_t __real_write(int descriptor, const void* bytes, std::size_t size);
 int __real_close(int descriptor);
 int __real_open(const char* path, int flags, ...);
+void* __real_malloc(std::size_t size);
+void __real_free(void* memory);
 
 int __wrap_open(const char* path, int flags, int mode) {
   if (!running) return __real_open(path, flags, mode);
@@ -72,6 +80,21 @@ int __wrap_close(int descriptor) {
   require(descriptor == kOutputFile);
   --world.filesOpen;
   return 0;
+}
+
+void* __wrap_malloc(std::size_t size) {
+  if (!running || size < kReservation) return __real_malloc(size);
+  require(reservation == nullptr);
+  reservationSize = size;
+  reservation = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  require(reservation != MAP_FAILED);
+  return reservation;
+}
+
+void __wrap_free(void* memory) {
+  if (memory == nullptr || memory != reservation) return __real_free(memory);
+  munmap(reservation, reservationSize);
+  reservation = nullptr;
 }
 
 }  // extern "C"

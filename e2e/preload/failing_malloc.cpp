@@ -1,8 +1,8 @@
 // Preloaded into the tool: lets allocations fail from main's beginning on. See e2e/faults.py, which runs it. A static
 // executable is linked with it instead, and with the linker's option --wrap for what is replaced.
 //
-// FAIL_FIRST and FAIL_LAST name the allocations that fail, counted from 1. The first that does is told by a byte on
-// the descriptor FAIL_REPORT.
+// FAIL_FIRST and FAIL_LAST name the allocations that fail, counted from 1. The size of the first that does, a size_t,
+// is written to the descriptor FAIL_REPORT.
 #include <dlfcn.h>
 #include <unistd.h>
 
@@ -45,11 +45,11 @@ long numberFrom(const char* variable) {
   return text == nullptr ? 0 : std::atol(text);
 }
 
-bool mustFail() {
+bool mustFail(std::size_t size) {
   if (!armed) return false;
   const long number = ++allocations;
   if (number < firstFailing || number > lastFailing) return false;
-  if (number == firstFailing && write(report, "!", 1) != 1) std::abort();
+  if (number == firstFailing && write(report, &size, sizeof size) != sizeof size) std::abort();
   errno = ENOMEM;
   return true;
 }
@@ -68,18 +68,23 @@ int armedMain(int argumentCount, char** arguments, char** environment) {
 
 extern "C" {
 
-void* REPLACED(malloc)(std::size_t size) { return mustFail() ? nullptr : OWN(malloc)(size); }
-void* REPLACED(calloc)(std::size_t count, std::size_t size) { return mustFail() ? nullptr : OWN(calloc)(count, size); }
-void* REPLACED(realloc)(void* memory, std::size_t size) { return mustFail() ? nullptr : OWN(realloc)(memory, size); }
+void* REPLACED(malloc)(std::size_t size) { return mustFail(size) ? nullptr : OWN(malloc)(size); }
+void* REPLACED(calloc)(std::size_t count, std::size_t size) {
+  return mustFail(count * size) ? nullptr : OWN(calloc)(count, size);
+}
+
+void* REPLACED(realloc)(void* memory, std::size_t size) {
+  return mustFail(size) ? nullptr : OWN(realloc)(memory, size);
+}
 
 int REPLACED(posix_memalign)(void** memory, std::size_t alignment, std::size_t size) {
-  if (mustFail()) return ENOMEM;
+  if (mustFail(size)) return ENOMEM;
   *memory = OWN_MEMALIGN(alignment, size);
   return *memory == nullptr ? ENOMEM : 0;
 }
 
 void* REPLACED(aligned_alloc)(std::size_t alignment, std::size_t size) {
-  return mustFail() ? nullptr : OWN_MEMALIGN(alignment, size);
+  return mustFail(size) ? nullptr : OWN_MEMALIGN(alignment, size);
 }
 
 #ifdef WRAPPED

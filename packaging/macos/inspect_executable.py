@@ -14,6 +14,8 @@ from macholib import mach_o
 from macholib.MachO import MachO
 from macholib.SymbolTable import SymbolTable
 
+from loader_rules import find_loader_problems
+
 OLDEST_SYSTEMS = {"x86_64": (10, 13), "arm64": (11, 0)}
 # With the newest compatibility version that every system meets.
 LIBRARIES = {
@@ -30,7 +32,6 @@ LIBRARY_COMMANDS = {
 }
 AD_HOC = 0x2
 SHA256 = 2
-SEALED_BLOBS = {2, 5}  # requirements and entitlements; their hashes stand in front of those of the pages
 
 
 class Slice(NamedTuple):
@@ -40,6 +41,7 @@ class Slice(NamedTuple):
     run_paths: list
     imports: list
     signature: str  # "none", or what is the matter with it
+    loader_problems: list
 
 
 def main(path):
@@ -88,6 +90,7 @@ def find_slice_problems(part):
     if part.signature != "ad hoc, valid":
         yield f"the signature: {part.signature}"
     yield from find_import_problems(part)
+    yield from part.loader_problems
 
 
 def find_import_problems(part):
@@ -113,13 +116,15 @@ def read_slice(path, header):
     content = pathlib.Path(path).read_bytes()[header.offset :][: header.size]
     commands = [(load.cmd, command, data) for load, command, data in header.commands]
     libraries = [(command, data) for kind, command, data in commands if kind in LIBRARY_COMMANDS]
+    architecture = mach_o.CPU_TYPE_NAMES.get(header.header.cputype, "unknown").lower()
     return Slice(
-        mach_o.CPU_TYPE_NAMES.get(header.header.cputype, "unknown").lower(),
+        architecture,
         read_oldest_system(commands),
         {text(data): version(command.compatibility_version) for command, data in libraries},
         [text(data) for kind, _, data in commands if kind == mach_o.LC_RPATH],
         sorted(name.decode() for _, name in SymbolTable(header.parent, header).undefsyms),
         check_signature(content, [command for kind, command, _ in commands if kind == mach_o.LC_CODE_SIGNATURE]),
+        list(find_loader_problems(architecture, header, content)) if architecture in OLDEST_SYSTEMS else [],
     )
 
 
@@ -145,22 +150,17 @@ def check_signature(content, commands):
     """Whether the slice's bytes are those that its ad hoc signature was made for."""
     if not commands:
         return "none"
-    blobs = read_blobs(content[commands[0].dataoff :][: commands[0].datasize])
-    directory = blobs[0]
-    flags, hashes, _, _, page_count, limit, size, kind, _, page_bits = struct.unpack(">IIIIIIBBBB", directory[12:40])
-    if not flags & AD_HOC or kind != SHA256 or limit != commands[0].dataoff:
+    signature = content[commands[0].dataoff :]
+    parts, _, start = struct.unpack(">III", signature[8:20])  # of which the code directory is the first
+    directory = signature[start:]
+    flags, hashes, _, others, page_count, limit, size, kind, _, page_bits = struct.unpack(
+        ">IIIIIIBBBB", directory[12:40]
+    )
+    if not flags & AD_HOC or parts != 1 or others or kind != SHA256 or limit != commands[0].dataoff:
         return "not an ad hoc one with SHA-256 over the whole slice"
     pages = [content[start:limit][: 1 << page_bits] for start in range(0, limit, 1 << page_bits)]
-    sealed = list(enumerate(pages)) + [(-kind, blob) for kind, blob in blobs.items() if kind in SEALED_BLOBS]
-    fits = (hashlib.sha256(data).digest() == directory[hashes + slot * size :][:size] for slot, data in sealed)
+    fits = (hashlib.sha256(page).digest() == directory[hashes + i * size :][:size] for i, page in enumerate(pages))
     return "ad hoc, valid" if len(pages) == page_count and all(fits) else "doesn't fit the slice"
-
-
-def read_blobs(signature):
-    """The parts of a signature by their kind; 0 is the code directory."""
-    count = struct.unpack(">I", signature[8:12])[0]
-    entries = [struct.unpack(">II", signature[12 + 8 * i :][:8]) for i in range(count)]
-    return {kind: signature[start:][: struct.unpack(">I", signature[start + 4 :][:4])[0]] for kind, start in entries}
 
 
 if __name__ == "__main__":
