@@ -27,8 +27,10 @@ function(add_end_to_end_test name processes)
     ENVIRONMENT "WEBREQ=${webreq};FETCH_EXAMPLE=${fetch_example};${translator};PYTHONDONTWRITEBYTECODE=1")
 endfunction()
 
+add_end_to_end_test(resolver 4)
 add_end_to_end_test(timeouts 12)
-set_tests_properties(e2e/timeouts PROPERTIES RUN_SERIAL ON)  # its waits run side by side, and nothing else beside them
+# Their waits run side by side, and nothing else beside them.
+set_tests_properties(e2e/resolver e2e/timeouts PROPERTIES RUN_SERIAL ON)
 foreach(name command_line examples failures headers misbehaving_servers output readme redirects responses server
     system_calls tls)
   add_end_to_end_test(${name} 0)
