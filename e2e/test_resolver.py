@@ -12,7 +12,7 @@ import time
 
 import own_network
 import pytest
-from conftest import ENVIRONMENT, EXECUTABLE, IS_EMULATED, IS_STATIC, WEBREQ, Answer
+from conftest import ENVIRONMENT, EXECUTABLE, IS_STATIC, WEBREQ, Answer, impossible_under_translator
 
 if not own_network.is_possible():
     pytest.skip("no network namespace can be made here", allow_module_level=True)
@@ -279,7 +279,7 @@ def test_no_name_server_is_there(request_by_name):
 
 
 @only_static
-@pytest.mark.skipif(IS_EMULATED, reason="the emulator would have to be there, too")
+@impossible_under_translator("it would have to be there, too")
 @pytest.mark.parametrize("host", ["127.0.0.1", "host.test", "in-hosts", "localhost"])
 def test_executable_alone_in_an_empty_root(request_by_name, tmp_path, host):
     root = tmp_path / "root"
