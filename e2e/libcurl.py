@@ -26,6 +26,9 @@ ANSWERS = {
     # Redirects: until 7.65.2 they lead to other schemes than HTTP and FTP, too.
     "redirect to gopher": {"7.54.0": b"7\n", "7.65.2": b"1\n"},
     "endless redirects": {"7.54.0": b"28\n", "7.88.1": b"56\n", "8.0.0": b"28\n", "8.3.0": b"47\n"},
+    # Proxies: over TLS, certified by the system's authorities; one that refuses a tunnel.
+    "trusted proxy": {"7.54.0": b"60\n", "7.64.0": b"200\nok\n"},
+    "refused tunnel": {"7.54.0": b"56\n", "8.20.0": b"7\n"},
     # Answers that aren't HTTP: until 7.66 they are bodies without a status.
     "garbage": {"7.54.0": b"0\nThis is no HTTP.\r\n\r\n\n", "7.66.0": b"1\n"},
     "TLS where HTTP is expected": {"7.54.0": b"0\n\x15\x03\x03\0\x02\x02\x28\n", "7.66.0": b"1\n"},

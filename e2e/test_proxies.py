@@ -1,12 +1,12 @@
 """Proxies, which libcurl takes from the environment: each kind, with the bytes that it receives."""
 
-import shutil
 import socket
 import struct
 
+import libcurl
 import own_network
 import pytest
-from conftest import ENVIRONMENT, Answer
+from conftest import ENVIRONMENT, WEBREQ, Answer
 from scripted_server import READ_REQUEST, ScriptedServer, reply
 
 OK = reply(200, b"ok")
@@ -36,7 +36,11 @@ def choose_no_authentication(connection):
 
 SOCKS = [
     ("socks4", "192.0.2.7", [expect(b"\x04\x01" + PORT + ADDRESS + b"\0"), b"\0\x5a" + bytes(6)]),
-    ("socks4a", "host.invalid", [expect(b"\x04\x01" + PORT + b"\0\0\0\x01" + b"\0" + NAME + b"\0"), b"\0\x5a" + bytes(6)]),
+    (
+        "socks4a",
+        "host.invalid",
+        [expect(b"\x04\x01" + PORT + b"\0\0\0\x01" + b"\0" + NAME + b"\0"), b"\0\x5a" + bytes(6)],
+    ),
     (
         "socks5",
         "192.0.2.7",
@@ -87,7 +91,7 @@ def test_tunnel(request_through, serve, make_certificate):
 
 def test_tunnel_that_is_refused(request_through, serve):
     proxy = serve(reply(403))
-    assert request_through("https://192.0.2.7/", https_proxy=proxy.url) == Answer(b"56\n")
+    assert request_through("https://192.0.2.7/", https_proxy=proxy.url) == Answer(libcurl.answer("refused tunnel"))
 
 
 @pytest.mark.parametrize("scheme, host, handshake", SOCKS, ids=[scheme for scheme, _, _ in SOCKS])
@@ -100,3 +104,39 @@ def test_socks(request_through, serve, scheme, host, handshake):
 def test_no_proxy(request_through, serve):
     server = serve(OK)
     assert request_through(server.url, http_proxy="http://127.0.0.1:1", no_proxy="127.0.0.1") == ANSWERED
+
+
+def test_https_proxy_that_is_not_trusted(request_through, serve, make_certificate):
+    """Verification is off for servers, not for proxies."""
+    proxy = serve(OK, tls_context=make_certificate("127.0.0.1").server_context)
+    assert request_through("http://192.0.2.7/", http_proxy=proxy.url) == Answer(b"60\n")
+    assert b"".join(proxy.requests) == b""
+
+
+@pytest.mark.skipif(not own_network.is_possible(), reason="no folder /etc can be put in the place of the system's")
+def test_https_proxy_that_is_trusted(tmp_path, make_certificate):
+    """By the system's list of authorities, where Debian has it."""
+    certificate = make_certificate("localhost")
+    (tmp_path / "ssl/certs").mkdir(parents=True)
+    (tmp_path / "ssl/certs/ca-certificates.crt").write_bytes(certificate.path.read_bytes())
+    (tmp_path / "hosts").write_text("127.0.0.1 localhost\n")
+    (tmp_path / "nsswitch.conf").write_text("hosts: files\n")
+
+    def serve(sockets):
+        (listener,) = [opened for opened in sockets if opened.getsockname()[:2] == ("127.0.0.1", 81)]
+        return ScriptedServer(OK, tls_context=certificate.server_context, listener=listener)
+
+    environment = {**ENVIRONMENT, "http_proxy": "https://localhost:81"}
+    run = own_network.run([WEBREQ, "-web", "http://192.0.2.7/"], tmp_path, serve, env=environment)
+    assert Answer(run.stdout, run.stderr, run.returncode) == Answer(libcurl.answer("trusted proxy"))
+
+
+@pytest.mark.skipif(libcurl.version() < (7, 84, 0), reason="libcurl 7.84 brought it")
+def test_socks_at_a_unix_socket(request_through, tmp_path):
+    """libcurl takes a path behind "localhost" for one."""
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(str(tmp_path / "proxy"))
+        listener.listen()
+        _, host, handshake = SOCKS[-1]
+        with ScriptedServer([*handshake, READ_REQUEST, OK], listener=listener):
+            assert request_through(f"http://{host}/", ALL_PROXY=f"socks5h://localhost{tmp_path}/proxy") == ANSWERED
