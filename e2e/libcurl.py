@@ -33,6 +33,8 @@ ANSWERS = {
     "garbage": {"7.54.0": b"0\nThis is no HTTP.\r\n\r\n\n", "7.66.0": b"1\n"},
     "TLS where HTTP is expected": {"7.54.0": b"0\n\x15\x03\x03\0\x02\x02\x28\n", "7.66.0": b"1\n"},
     "unknown version": {"7.54.0": b"200\nabcd\n", "7.66.0": b"1\n"},
+    # Transfer encodings other than chunked, which no request asks for: decoded, delivered as they are, refused.
+    "transfer encoding": {"7.54.0": b"decoded", "8.1.0": b"delivered", "8.14.0": b"61\n"},
     # Headers.
     "negative length": {"7.54.0": b"200\nabcd\n", "7.64.0": b"8\n"},
     "length of more than 64 bits": {"7.54.0": b"18\nabcd\n", "7.64.0": b"200\nabcd\n"},
