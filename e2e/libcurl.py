@@ -4,6 +4,7 @@ The tool leaves to libcurl what a broken answer comes to and which URLs are well
 differs between versions.
 """
 
+import ctypes
 import functools
 import pathlib
 import re
@@ -18,11 +19,11 @@ ANSWERS = {
     # The protocol of a request over TLS, as nginx names it.
     "protocol over TLS": {"7.54.0": b"HTTP/1.1", "7.62.0": b"HTTP/2.0"},
     # URLs.
-    "http://a b/": {"7.54.0": b"6\n", "7.62.0": b"3\n"},
-    "http://[x/": {"7.54.0": b"6\n", "7.66.0": b"3\n"},
-    "space in the path": {"7.54.0": b"200\nok\n", "7.66.0": b"3\n"},
-    "nonsense://127.0.0.1/": {"7.54.0": b"1\n", "7.62.0": b"6\n", "7.65.0": b"1\n"},
-    "file:// on a folder": {"7.54.0": b"0\n", "8.14.0": b"0\nfile\n\n"},
+    "http://a b/": {"7.54.0": b"6\n", "7.60.0": b"3\n"},
+    "http://[x/": {"7.54.0": b"6\n", "7.67.0": b"3\n"},
+    "space in the path": {"7.54.0": b"200\nok\n", "7.79.1": b"3\n"},
+    "nonsense://127.0.0.1/": {"7.54.0": b"1\n", "7.64.1": b"6\n", "7.65.1": b"1\n"},
+    "file:// on a folder": {"7.54.0": b"0\n", "7.75.0": b"36\n", "7.79.1": b"0\n", "8.10.0": b"0\nfile\n\n"},
     # Redirects: until 7.65.2 they lead to other schemes than HTTP and FTP, too.
     "redirect to gopher": {"7.54.0": b"7\n", "7.65.2": b"1\n"},
     "endless redirects": {"7.54.0": b"28\n", "7.88.1": b"56\n", "8.0.0": b"28\n", "8.3.0": b"47\n"},
@@ -32,24 +33,36 @@ ANSWERS = {
     # Answers that aren't HTTP: until 7.66 they are bodies without a status.
     "garbage": {"7.54.0": b"0\nThis is no HTTP.\r\n\r\n\n", "7.66.0": b"1\n"},
     "TLS where HTTP is expected": {"7.54.0": b"0\n\x15\x03\x03\0\x02\x02\x28\n", "7.66.0": b"1\n"},
-    "unknown version": {"7.54.0": b"200\nabcd\n", "7.66.0": b"1\n"},
+    "unknown version": {"7.54.0": b"200\nabcd\n", "7.79.1": b"1\n"},
     # Transfer encodings other than chunked, which no request asks for: decoded, delivered as they are, refused.
     "transfer encoding": {"7.54.0": b"decoded", "8.1.0": b"delivered", "8.14.0": b"61\n"},
     # Headers.
-    "negative length": {"7.54.0": b"200\nabcd\n", "7.64.0": b"8\n"},
-    "length of more than 64 bits": {"7.54.0": b"18\nabcd\n", "7.64.0": b"200\nabcd\n"},
-    "two lengths": {"7.54.0": b"200\nabcd\n", "8.15.0": b"8\n"},
+    "negative length": {"7.54.0": b"200\nabcd\n", "7.60.0": b"8\n"},
+    "length of more than 64 bits": {"7.54.0": b"18\nabcd\n", "7.60.0": b"200\nabcd\n"},
+    "two lengths": {"7.54.0": b"200\nabcd\n", "8.19.0": b"8\n"},
     "too long header line": {"7.54.0": b"27\n", "8.6.0": b"100\n"},
     "5000 header lines": {"7.54.0": b"200\nok\n", "8.14.0": b"100\n"},
     "endless headers": {"7.54.0": b"28\n", "7.88.1": b"56\n", "8.0.0": b"28\n", "8.3.0": b"56\n", "8.14.0": b"100\n"},
     # Without memory for its receive buffer: does it give out a handle that crashes?
     "no receive buffer, but a handle": {"7.54.0": True, "7.55.0": False},
     # A resolver that takes longer than the time-out: is it waited for?
-    "hanging resolver": {"7.54.0": False, "7.64.0": True},
+    "hanging resolver": {"7.54.0": False, "7.62.0": True},
     # Connections that end too early.
     "TLS cut off": {"7.54.0": b"56\nbody\n", "7.88.1": b"200\nbody\n", "8.14.0": b"56\nbody\n"},
-    "RST_STREAM": {"7.54.0": b"92\nhalf\0\n", "8.1.0": b"18\nhalf\0\n", "8.2.0": b"92\nhalf\0\n"},
-    "GOAWAY": {"7.54.0": b"16\nhalf\0\n", "8.1.0": b"55\nhalf\0\n", "8.2.0": b"56\nhalf\0\n"},
+    "RST_STREAM": {
+        "7.54.0": b"92\nhalf\0\n",
+        "7.67.0": b"18\nhalf\0\n",
+        "7.79.1": b"92\nhalf\0\n",
+        "8.1.2": b"18\nhalf\0\n",
+        "8.4.0": b"92\nhalf\0\n",
+    },
+    "GOAWAY": {
+        "7.54.0": b"16\nhalf\0\n",
+        "7.67.0": b"18\nhalf\0\n",
+        "7.79.1": b"16\nhalf\0\n",
+        "8.1.2": b"55\nhalf\0\n",
+        "8.4.0": b"56\nhalf\0\n",
+    },
     "HTTP/2 closed": {"7.54.0": b"56\nhalf\0\n", "7.88.1": b"18\nhalf\0\n", "8.14.0": b"56\nhalf\0\n"},
 }
 
@@ -67,13 +80,12 @@ def numbers(text):
 @functools.cache
 def version():
     """That of the libcurl that a run of the tool has loaded, or that is a part of it: three numbers."""
-    found = set(re.findall(rb"libcurl/(\d+\.\d+\.\d+)", _text_of_a_run()))
+    found = set(re.findall(rb"libcurl/(\d+\.\d+\.\d+)", _what_a_run_says()))
     assert len(found) == 1, f"of {WEBREQ} the versions of libcurl are {found}"
     return numbers(found.pop().decode())
 
 
-def _text_of_a_run():
-    """All files that the tool has mapped while it waits for an answer."""
+def _what_a_run_says():
     if not pathlib.Path("/proc/self/maps").exists():  # on macOS the curl command has the system's libcurl, as the tool
         return subprocess.run(["/usr/bin/curl", "--version"], stdout=subprocess.PIPE, check=True).stdout
     with socket.create_server(("127.0.0.1", 0)) as listener:
@@ -83,10 +95,19 @@ def _text_of_a_run():
             with listener.accept()[0]:
                 files = _mapped_files(process.pid)
             process.kill()
-    return b"".join(pathlib.Path(file).read_bytes() for file in files)
+    return b"\n".join(map(_what_a_file_says, files))
 
 
 def _mapped_files(process):
     lines = pathlib.Path(f"/proc/{process}/maps").read_text().splitlines()
-    paths = {line.split(maxsplit=5)[5] for line in lines if "/" in line}
-    return [path for path in paths if pathlib.Path(path).is_file()]
+    paths = {pathlib.Path(line.split(maxsplit=5)[5]) for line in lines if "/" in line}
+    return [path for path in paths if path.is_file()]
+
+
+def _what_a_file_says(path):
+    """A shared libcurl's own word; of any other file the contents, which have it where libcurl is a part of it."""
+    if not path.name.startswith("libcurl"):
+        return path.read_bytes()
+    library = ctypes.CDLL(path)
+    library.curl_version.restype = ctypes.c_char_p
+    return library.curl_version()
