@@ -231,9 +231,10 @@ def test_localhost_is_known(request_by_name):
     assert queries == []
 
 
-def test_name_in_etc_hosts(request_by_name):
+@pytest.mark.parametrize("name_server", [zone({}), pytest.param(silent, marks=only_static)], ids=["another", "silent"])
+def test_name_in_etc_hosts(request_by_name, name_server):
     """Its address counts, though a name server may be asked for one of the other kind, which is not in the file."""
-    answer, seconds, queries = request_by_name("http://in-hosts/", silent)
+    answer, seconds, queries = request_by_name("http://in-hosts/", name_server)
     assert answer == FOUND and seconds < 1
     assert "UDP in-hosts. A" not in queries
 

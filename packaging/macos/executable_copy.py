@@ -35,12 +35,12 @@ class Slice:
         raise ValueError(kinds)
 
     def segment(self, name):
-        return next(part for part in self._segments() if part.segname.rstrip(b"\0") == name.encode())
+        return next(part for part in self.segments() if part.segname.rstrip(b"\0") == name.encode())
 
     def section(self, name):
         return next(part for part in self._sections() if part.sectname.rstrip(b"\0") == name.encode())
 
-    def _segments(self):
+    def segments(self):
         return [command for load, command, _ in self.macho.commands if load.cmd == mach_o.LC_SEGMENT_64]
 
     def _sections(self):

@@ -5,6 +5,7 @@ import struct
 import inspect_executable
 import pytest
 from executable_copy import ARCHITECTURES, CPU_TYPE_I386, EXECUTABLE, Slice, copy_executable, rename
+from loader_rules import read_lazy_bindings
 from macholib import mach_o
 
 __all__ = ["copy_executable"]  # a fixture
@@ -84,6 +85,11 @@ def add_run_path(part):
 def change_signed_byte(part):
     section = part.section("__cstring")
     part.patch(section.offset, bytes([part.content[section.offset] ^ 1]))
+
+
+def change_lazy_pointer(part):
+    segment, offset, _ = next(iter(read_lazy_bindings(part.macho, part.content).values()))
+    part.patch(part.segments()[segment].fileoff + offset, struct.pack("<Q", 0x100000000))
 
 
 def change_last_lazy_offset(part):
@@ -179,10 +185,7 @@ BREAKS = {
         "the signature isn't the end of the slice",
     ),
     "lazy offset": (change_last_lazy_offset, "doesn't lead to its binding"),
-    "lazy pointer": (
-        lambda part: part.patch(part.section("__la_symbol_ptr").offset, struct.pack("<Q", 0x100000000)),
-        "doesn't lead to its binding",
-    ),
+    "lazy pointer": (change_lazy_pointer, "doesn't lead to its binding"),
     "lazily bound name": (rename("_strstr", "_strlen", "lazy bindings"), "binds _strlen where _strstr is called"),
 }
 
