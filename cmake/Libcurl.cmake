@@ -1,5 +1,5 @@
 # libcurl with what the tool needs, and the libraries that it calls: AWS-LC for TLS, c-ares for names, nghttp2 for
-# HTTP/2, zlib; all from their sources. docs/performance.md says what is left out and what that means for a user.
+# HTTP/2; all from their sources. docs/performance.md says what is left out and what that means for a user.
 enable_language(C)
 
 # Of each library the newest that cmake/sources.txt lists, in the folder where scripts/sources lays it down, or in the
@@ -10,7 +10,7 @@ foreach(line IN LISTS lines)
   set(${CMAKE_MATCH_1}_source ${PROJECT_SOURCE_DIR}/build/sources/${CMAKE_MATCH_1}-${CMAKE_MATCH_2})
   set(${CMAKE_MATCH_1}_version ${CMAKE_MATCH_2})
 endforeach()
-foreach(library IN ITEMS curl aws-lc c-ares nghttp2 zlib)
+foreach(library IN ITEMS curl aws-lc c-ares nghttp2)
   string(TOUPPER "WEBREQ_${library}_SOURCE" variable)
   string(REPLACE "-" "_" variable ${variable})
   if(DEFINED ${variable})
@@ -63,20 +63,9 @@ function(add_nghttp2)
   add_library_source(nghttp2)
 endfunction()
 
-# The crate of zlib leaves out its CMakeLists.txt. libcurl only decompresses.
-function(add_zlib)
-  foreach(name IN ITEMS adler32 crc32 inffast inflate inftrees zutil)
-    list(APPEND files ${zlib_source}/${name}.c)
-  endforeach()
-  add_library(zlib STATIC EXCLUDE_FROM_ALL ${files})
-  target_compile_options(zlib PRIVATE -w)
-  target_include_directories(zlib SYSTEM INTERFACE ${zlib_source})
-  add_library(ZLIB::ZLIB ALIAS zlib)
-endfunction()
-
 function(add_libcurl)
   foreach(option IN ITEMS
-      CURL_USE_OPENSSL CURL_ZLIB ENABLE_ARES ENABLE_IPV6 ENABLE_UNIX_SOCKETS USE_NGHTTP2
+      CURL_USE_OPENSSL ENABLE_ARES ENABLE_IPV6 ENABLE_UNIX_SOCKETS USE_NGHTTP2
       HAVE_AWSLC HAVE_SSL_SET0_WBIO  # libcurl would find out by linking with what isn't built yet
       # Protocols other than HTTP, HTTPS and file.
       CURL_DISABLE_DICT CURL_DISABLE_FTP CURL_DISABLE_GOPHER CURL_DISABLE_IMAP CURL_DISABLE_IPFS CURL_DISABLE_LDAP
@@ -84,19 +73,19 @@ function(add_libcurl)
       CURL_DISABLE_TFTP CURL_DISABLE_WEBSOCKETS
       # What takes an option of libcurl that the tool never sets.
       CURL_DISABLE_ALTSVC CURL_DISABLE_AWS CURL_DISABLE_BEARER_AUTH CURL_DISABLE_COOKIES CURL_DISABLE_DIGEST_AUTH
-      CURL_DISABLE_DOH CURL_DISABLE_FORM_API CURL_DISABLE_GETOPTIONS CURL_DISABLE_HEADERS_API CURL_DISABLE_HSTS
-      CURL_DISABLE_INSTALL CURL_DISABLE_KERBEROS_AUTH CURL_DISABLE_MIME CURL_DISABLE_NEGOTIATE_AUTH
-      CURL_DISABLE_NETRC CURL_DISABLE_PROGRESS_METER CURL_DISABLE_SHA512_256 CURL_DISABLE_SHUFFLE_DNS
-      CURL_DISABLE_VERBOSE_STRINGS)
+      CURL_DISABLE_DOH CURL_DISABLE_FORM_API CURL_DISABLE_GETOPTIONS CURL_DISABLE_HSTS CURL_DISABLE_INSTALL
+      CURL_DISABLE_KERBEROS_AUTH CURL_DISABLE_MIME CURL_DISABLE_NEGOTIATE_AUTH CURL_DISABLE_NETRC
+      CURL_DISABLE_PROGRESS_METER CURL_DISABLE_SHA512_256 CURL_DISABLE_SHUFFLE_DNS CURL_DISABLE_VERBOSE_STRINGS)
     set(${option} ON)
   endforeach()
   foreach(option IN ITEMS
       BUILD_CURL_EXE BUILD_EXAMPLES BUILD_LIBCURL_DOCS BUILD_MISC_DOCS BUILD_TESTING CURL_ENABLE_EXPORT_TARGET
       CURL_USE_CMAKECONFIG CURL_USE_PKGCONFIG ENABLE_CURL_MANUAL HAVE_DES_ECB_ENCRYPT PICKY_COMPILER
-      CURL_BROTLI CURL_USE_GSSAPI CURL_USE_LIBPSL CURL_USE_LIBSSH2 CURL_ZSTD USE_LIBIDN2)
+      CURL_BROTLI CURL_ZLIB CURL_ZSTD  # no request offers an encoding, so none is decoded
+      CURL_USE_GSSAPI CURL_USE_LIBPSL CURL_USE_LIBSSH2 USE_LIBIDN2)
     set(${option} OFF)
   endforeach()
-  set(CURL_CA_BUNDLE none)  # no certificate is verified
+  set(CURL_CA_BUNDLE /etc/ssl/certs/ca-certificates.crt)  # as Debian's libcurl has it: an HTTPS proxy is verified
   set(CURL_CA_PATH none)
   set(CMAKE_DISABLE_FIND_PACKAGE_Perl ON)  # for documents, which the crate leaves out
   set(CARES_INCLUDE_DIR ${c-ares_source}/include)
@@ -106,13 +95,10 @@ function(add_libcurl)
   set(OPENSSL_INCLUDE_DIR ${aws-lc_source}/include)
   set(OPENSSL_CRYPTO_LIBRARY crypto)
   set(OPENSSL_SSL_LIBRARY ssl)
-  set(ZLIB_INCLUDE_DIR ${zlib_source})
-  set(ZLIB_LIBRARY zlib)
   add_library_source(curl)
 endfunction()
 
 add_aws_lc()
 add_c_ares()
 add_nghttp2()
-add_zlib()
 add_libcurl()

@@ -13,7 +13,7 @@ foreach(name webreq fetch_example)
     set(${name} ${PROJECT_BINARY_DIR}/${name}-emulated)
     list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
     set(translator TRANSLATOR=qemu-aarch64)
-    file(GENERATE OUTPUT ${${name}} CONTENT "#!/bin/sh\nexec ${emulator} $<TARGET_FILE:${name}> \"$@\"\n"
+    file(GENERATE OUTPUT ${${name}} CONTENT "#!/bin/sh\nexec ${emulator} '$<TARGET_FILE:${name}>' \"$@\"\n"
       FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
   endif()
 endforeach()
@@ -27,9 +27,12 @@ function(add_end_to_end_test name processes)
     ENVIRONMENT "WEBREQ=${webreq};FETCH_EXAMPLE=${fetch_example};${translator};PYTHONDONTWRITEBYTECODE=1")
 endfunction()
 
+add_end_to_end_test(resolver 4)
 add_end_to_end_test(timeouts 12)
-set_tests_properties(e2e/timeouts PROPERTIES RUN_SERIAL ON)  # its waits run side by side, and nothing else beside them
-foreach(name command_line examples failures headers misbehaving_servers output readme redirects responses system_calls tls)
+# Their waits run side by side, and nothing else beside them.
+set_tests_properties(e2e/resolver e2e/timeouts PROPERTIES RUN_SERIAL ON)
+foreach(name command_line examples failures headers left_out misbehaving_servers output proxies readme redirects
+    responses server system_calls tls)
   add_end_to_end_test(${name} 0)
 endforeach()
 if(CMAKE_BUILD_TYPE STREQUAL "Release")

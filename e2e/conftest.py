@@ -38,6 +38,12 @@ def impossible_under_translator(reason):
     return pytest.mark.skipif(TRANSLATOR is not None, reason=f"{TRANSLATOR}: {reason}")
 
 
+def preloading(name):
+    """Environment variables that have the loader preload the build's NAME.so. A path in LD_PRELOAD can't hold blanks."""
+    folders = [str(BUILD), os.environ.get("LD_LIBRARY_PATH")]
+    return {"LD_PRELOAD": f"{name}.so", "LD_LIBRARY_PATH": ":".join(filter(None, folders))}
+
+
 class Answer(NamedTuple):
     """All that a caller sees of a run."""
 

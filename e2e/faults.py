@@ -13,10 +13,9 @@ import sys
 
 import libcurl
 import pytest
-from conftest import BUILD, ENVIRONMENT, IS_STATIC, TRANSLATOR, WEBREQ, Answer
+from conftest import BUILD, ENVIRONMENT, IS_STATIC, TRANSLATOR, WEBREQ, Answer, preloading
 from nginx import Nginx
 
-PRELOADED = BUILD / "failing_malloc.so"
 LINKED = BUILD / "webreq_failing_malloc"
 PAGE = bytes(range(256)) * 400  # libcurl delivers it in several chunks
 
@@ -41,7 +40,7 @@ def run_with_failures(tool, first, last, arguments):
     """Returns the answer and the size of allocation `first`, or None if the run made fewer."""
     reader, writer = os.pipe()
     failures = {"FAIL_FIRST": str(first), "FAIL_LAST": str(last), "FAIL_REPORT": str(writer)}
-    environment = {**ENVIRONMENT, "LD_PRELOAD": str(PRELOADED), **failures}
+    environment = {**ENVIRONMENT, **preloading("failing_malloc"), **failures}
     with open(reader, "rb") as report:
         answer = tool.run_command([LINKED if IS_STATIC else WEBREQ, *arguments], env=environment, pass_fds=[writer])
         os.close(writer)

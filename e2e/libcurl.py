@@ -27,10 +27,15 @@ ANSWERS = {
     # Redirects: until 7.65.2 they lead to other schemes than HTTP and FTP, too.
     "redirect to gopher": {"7.54.0": b"7\n", "7.65.2": b"1\n"},
     "endless redirects": {"7.54.0": b"28\n", "7.88.1": b"56\n", "8.0.0": b"28\n", "8.3.0": b"47\n"},
+    # Proxies: over TLS, certified by the system's authorities; one that refuses a tunnel.
+    "trusted proxy": {"7.54.0": b"60\n", "7.64.0": b"200\nok\n"},
+    "refused tunnel": {"7.54.0": b"56\n", "8.20.0": b"7\n"},
     # Answers that aren't HTTP: until 7.66 they are bodies without a status.
     "garbage": {"7.54.0": b"0\nThis is no HTTP.\r\n\r\n\n", "7.66.0": b"1\n"},
     "TLS where HTTP is expected": {"7.54.0": b"0\n\x15\x03\x03\0\x02\x02\x28\n", "7.66.0": b"1\n"},
     "unknown version": {"7.54.0": b"200\nabcd\n", "7.79.1": b"1\n"},
+    # Transfer encodings other than chunked, which no request asks for: decoded, delivered as they are, refused.
+    "transfer encoding": {"7.54.0": b"decoded", "8.1.0": b"delivered", "8.14.0": b"61\n"},
     # Headers.
     "negative length": {"7.54.0": b"200\nabcd\n", "7.60.0": b"8\n"},
     "length of more than 64 bits": {"7.54.0": b"18\nabcd\n", "7.60.0": b"200\nabcd\n"},

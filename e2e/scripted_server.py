@@ -1,5 +1,6 @@
 """A server that plays scripts: exact bytes, pauses, resets. It records the exact bytes of every request."""
 
+import select
 import socket
 import struct
 import threading
@@ -22,21 +23,21 @@ def reply(status, body=b"", *header_lines):
 
 
 class ScriptedServer:
-    """Serves on a free port of 127.0.0.1, one connection after the other, a script each.
+    """Serves on a free port of 127.0.0.1, or on `listener`, one connection after the other, a script each.
 
     A script is a list of steps: bytes to send, one of the constants above, or a callable that takes the connection.
     Bytes in place of a list are the answer to one request. After its script a connection is closed; one for which
     there is no script is closed at once.
     """
 
-    def __init__(self, *scripts, tls_context=None):
+    def __init__(self, *scripts, tls_context=None, listener=None):
         self.requests = []  # bytes each, in order of arrival
         self._scripts = [[READ_REQUEST, script] if isinstance(script, bytes) else script for script in scripts]
         self._tls_context = tls_context
-        self._listener = socket.create_server(("127.0.0.1", 0))
+        self._listener = listener or socket.create_server(("127.0.0.1", 0))
         self.port = self._listener.getsockname()[1]
         self.url = f"{'https' if tls_context else 'http'}://127.0.0.1:{self.port}"
-        self._stopping = False
+        self._stop, self._stopped = socket.socketpair()
         self._thread = threading.Thread(target=self._serve)
         self._thread.start()
 
@@ -44,18 +45,15 @@ class ScriptedServer:
         return self
 
     def __exit__(self, *_):
-        self._stopping = True
-        socket.create_connection(("127.0.0.1", self.port)).close()  # wakes accept()
+        self._stop.close()
         self._thread.join()
+        self._stopped.close()
         self._listener.close()
 
     def _serve(self):
         scripts = iter(self._scripts)
-        while True:
+        while self._stopped not in select.select([self._listener, self._stopped], [], [])[0]:
             connection, _ = self._listener.accept()
-            if self._stopping:
-                connection.close()
-                return
             try:
                 self._play(next(scripts, []), self._secure(connection))
             except OSError:

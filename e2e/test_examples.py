@@ -46,7 +46,7 @@ def run(tool, tmp_path):
     (tmp_path / "bin").mkdir()
     (tmp_path / "bin/webreq").symlink_to(tool.path)
     environment = {**ENVIRONMENT, "PATH": f"{tmp_path}/bin:{os.environ['PATH']}"}
-    return lambda *command: tool.run_command(command, env=environment)
+    return lambda *command, variables=None: tool.run_command(command, env={**environment, **(variables or {})})
 
 
 @pytest.mark.parametrize("body", BODIES, ids=lambda body: repr(body[:10]))
@@ -87,7 +87,30 @@ def test_fan_out_takes_a_long_url_with_bars(run, serve):
     assert server.requests[0].startswith(b"GET /" + b"x" * 4000 + b"%7C?n=1 ")
 
 
+def test_fan_out_without_a_url_is_a_usage_error(run):
+    assert run(EXAMPLES / "fan-out.sh") == Answer(b"", b"usage: fan-out.sh URL [REQUESTS [PROCESSES]]\n", 2)
+
+
+@pytest.fixture
+def comma_locale(tmp_path):
+    """Environment variables that make the decimal point a comma."""
+    (tmp_path / "definition").write_text(
+        'LC_NUMERIC\ndecimal_point ","\nthousands_sep ""\ngrouping -1\nEND LC_NUMERIC\n'
+    )
+    command = ["localedef", "--force", "-i", tmp_path / "definition", tmp_path / "comma"]
+    if not shutil.which("localedef") or subprocess.run(command, capture_output=True, check=False).returncode > 1:
+        pytest.skip("no locale can be made here")
+    return {"LOCPATH": str(tmp_path), "LC_NUMERIC": "comma"}
+
+
+def test_fan_out_counts_in_any_locale(run, serve, comma_locale):
+    answer = run(EXAMPLES / "fan-out.sh", serve(reply(200)).url, "1", variables=comma_locale)
+    assert re.fullmatch(rb" *1 200\n[1-9]\d* requests a second\n", answer.stdout), answer
+
+
 def test_fan_out_reports_a_missing_tool(run, tmp_path):
+    for program in "awk bash mktemp rm seq sh sort uniq xargs".split():  # the PATH may have another webreq
+        (tmp_path / "bin" / program).symlink_to(shutil.which(program))
     (tmp_path / "bin/webreq").unlink()
-    answer = run(EXAMPLES / "fan-out.sh", "http://127.0.0.1/", "1", "1")
+    answer = run(EXAMPLES / "fan-out.sh", "http://127.0.0.1/", "1", "1", variables={"PATH": f"{tmp_path}/bin"})
     assert b"webreq" in answer.stderr and answer.status != 0

@@ -3,7 +3,9 @@
 # … appended to the URL. Prints how often each result came and how many requests were performed a second.
 # The bodies go into files: on one standard output they would get mixed up.
 set -euo pipefail
+export LC_ALL=C # seconds have a decimal point
 
+[ $# -gt 0 ] || { echo "usage: fan-out.sh URL [REQUESTS [PROCESSES]]" >&2; exit 2; }
 url=${1//|/%7C} requests=${2-1000} processes=${3-8}
 folder=$(mktemp -d)
 trap 'rm -r "$folder"' EXIT

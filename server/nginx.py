@@ -1,14 +1,12 @@
-"""nginx on free ports of 127.0.0.1, over HTTP/1.1 and over HTTPS with HTTP/2.
-
-As a command it runs another one beside the server: "nginx.py COMMAND [ARGUMENT ...]" starts nginx with the files of
-server/site, runs COMMAND with the addresses in HTTP_URL and HTTPS_URL, stops nginx and exits with COMMAND's status.
-"""
+"""nginx on 127.0.0.1, over HTTP/1.1 and over HTTPS with HTTP/2. scripts/serve runs this file, tests import it."""
 
 import grp
+import http.client
 import os
 import pathlib
 import pwd
 import shutil
+import signal
 import socket
 import subprocess
 import sys
@@ -17,31 +15,34 @@ import tempfile
 import trustme
 
 PROGRAM = shutil.which("nginx", path=os.environ["PATH"] + ":/usr/sbin")
-SITE = pathlib.Path(__file__).parent / "site"
+SITE = pathlib.Path(__file__).resolve().parent / "site"
 
+# Where the examples of README and manual page have it.
+HTTP_PORT, HTTPS_PORT = 8080, 8443
+
+# nginx would take some letters of a path for its own: all paths are relative to the folder that it runs in.
 CONFIGURATION = """
 daemon off;
-user {user} {group};
+user "{user}" "{group}";
 worker_processes 2;
-pid {folder}/nginx.pid;
-error_log {folder}/error.log;
+pid nginx.pid;
 events {{ }}
 http {{
   access_log off;
   large_client_header_buffers 4 256k;
-  client_body_temp_path {folder}/body;
-  proxy_temp_path {folder}/proxy;
-  fastcgi_temp_path {folder}/fastcgi;
-  uwsgi_temp_path {folder}/uwsgi;
-  scgi_temp_path {folder}/scgi;
+  client_body_temp_path body;
+  proxy_temp_path proxy;
+  fastcgi_temp_path fastcgi;
+  uwsgi_temp_path uwsgi;
+  scgi_temp_path scgi;
   types {{ text/html html; }}
   default_type application/octet-stream;
   server {{
     listen 127.0.0.1:{http_port};
     listen 127.0.0.1:{https_port} ssl http2;
-    ssl_certificate {folder}/certificate.pem;
-    ssl_certificate_key {folder}/key.pem;
-    root {root};
+    ssl_certificate certificate.pem;
+    ssl_certificate_key key.pem;
+    root site;
     location = /echo {{
       return 200 "$server_protocol $request_method $request_uri\\nUser-Agent: $http_user_agent\\nX-Demo: $http_x_demo\\n";
     }}
@@ -54,28 +55,21 @@ http {{
 
 
 class Nginx:
-    """Serves the files below `root`; `http_url` and `https_url` say where. Both ports are open once it is made."""
+    """Serves the files below `root`, on free ports where none are given; `http_url` and `https_url` say where.
 
-    def __init__(self, root=SITE):
+    It answers once it is made. Where it doesn't, making it raises an OSError that tells why.
+    """
+
+    def __init__(self, root=SITE, http_port=0, https_port=0):
         self.root = root
+        self._process = None
         self._folder = pathlib.Path(tempfile.mkdtemp(prefix="webreq-nginx-"))
-        http, https = (socket.create_server(("127.0.0.1", 0), backlog=511) for _ in range(2))
-        http_port, https_port = (listener.getsockname()[1] for listener in (http, https))
-        self.http_url = f"http://127.0.0.1:{http_port}"
-        self.https_url = f"https://127.0.0.1:{https_port}"
-        self._write_certificate()
-        configuration = self._folder / "nginx.conf"
-        configuration.write_text(
-            CONFIGURATION.format(
-                folder=self._folder,
-                user=pwd.getpwuid(os.getuid()).pw_name,
-                group=grp.getgrgid(os.getgid()).gr_name,
-                http_port=http_port,
-                https_port=https_port,
-                root=root,
-            )
-        )
-        self._process = _start(configuration, http, https)
+        try:
+            self._start(*(socket.create_server(("127.0.0.1", port), backlog=511) for port in (http_port, https_port)))
+            self._await_answer()
+        except BaseException:
+            self.close()
+            raise
 
     @property
     def process_id(self):
@@ -85,35 +79,85 @@ class Nginx:
         return self
 
     def __exit__(self, *_):
-        self._process.terminate()
-        self._process.wait()
+        self.close()
+
+    def close(self):
+        if self._process:
+            self._process.terminate()
+            self._process.wait()
         shutil.rmtree(self._folder)
 
-    def _write_certificate(self):
+    def _start(self, *listeners):
+        """Starts nginx with listening sockets of ours, which it takes over as it does when it replaces its own binary:
+        so the ports are free ones, and open before nginx runs."""
+        if PROGRAM is None:
+            raise OSError("there is no nginx here")
+        ports = [listener.getsockname()[1] for listener in listeners]
+        self.http_url, self.https_url = (f"{scheme}://127.0.0.1:{p}" for scheme, p in zip(("http", "https"), ports))
+        self._write_files(*ports)
+        for listener in listeners:
+            listener.setblocking(False)  # as nginx's own: a worker that another is faster than would wait for the next
+        descriptors = [listener.fileno() for listener in listeners]
+        self._process = subprocess.Popen(
+            [PROGRAM, "-p", ".", "-c", "nginx.conf", "-e", "error.log"],
+            cwd=self._folder,
+            env={**os.environ, "NGINX": "".join(f"{descriptor};" for descriptor in descriptors)},
+            pass_fds=descriptors,
+            stderr=subprocess.DEVNULL,
+        )
+        for listener in listeners:
+            listener.close()
+
+    def _write_files(self, http_port, https_port):
         certificate = trustme.CA().issue_cert("127.0.0.1")
         certificate.private_key_pem.write_to_path(self._folder / "key.pem")
         certificate.cert_chain_pems[0].write_to_path(self._folder / "certificate.pem")
+        (self._folder / "site").symlink_to(os.path.abspath(self.root))
+        (self._folder / "nginx.conf").write_text(
+            CONFIGURATION.format(
+                user=pwd.getpwuid(os.getuid()).pw_name,
+                group=grp.getgrgid(os.getgid()).gr_name,
+                http_port=http_port,
+                https_port=https_port,
+            )
+        )
+
+    def _await_answer(self):
+        """The sockets are open until nginx answers or ends."""
+        connection = http.client.HTTPConnection(self.http_url.removeprefix("http://"), timeout=60)
+        try:
+            connection.request("GET", "/empty")
+            connection.getresponse()
+        except (OSError, http.client.HTTPException) as error:
+            log = self._folder / "error.log"
+            reasons = log.read_text(errors="replace").splitlines() if log.exists() else []
+            raise OSError(f"nginx does not start: {reasons[-1] if reasons else error}") from error
+        finally:
+            connection.close()
 
 
-def _start(configuration, *listeners):
-    """Starts nginx with listening sockets of ours, which it takes over as it does when it replaces its own binary:
-    so the ports are free ones, and open before nginx runs."""
-    for listener in listeners:
-        listener.setblocking(False)  # as nginx's own are: a worker that another is faster than would wait for the next
-    descriptors = [listener.fileno() for listener in listeners]
-    environment = {**os.environ, "NGINX": "".join(f"{descriptor};" for descriptor in descriptors)}
-    command = [PROGRAM, "-c", configuration, "-e", configuration.with_name("error.log")]
-    process = subprocess.Popen(command, pass_fds=descriptors, env=environment, stderr=subprocess.DEVNULL)
-    for listener in listeners:
-        listener.close()
-    return process
+def serve():
+    with Nginx(http_port=HTTP_PORT, https_port=HTTPS_PORT) as server:
+        print(f"{server.http_url} and {server.https_url} are served until Ctrl+C", flush=True)
+        signal.pause()
 
 
-def main():
+def run(command):
     with Nginx() as server:
         environment = {**os.environ, "HTTP_URL": server.http_url, "HTTPS_URL": server.https_url}
-        return subprocess.run(sys.argv[1:], env=environment, check=False).returncode
+        return subprocess.run(command, env=environment, check=False).returncode
+
+
+def main(command):
+    """Runs the command beside a server, without one serves the examples. Returns what sys.exit() takes."""
+    signal.signal(signal.SIGTERM, signal.default_int_handler)
+    try:
+        return run(command) if command else serve()
+    except OSError as error:
+        return f"serve: {error}"
+    except KeyboardInterrupt:
+        return 130
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(main(sys.argv[1:]))

@@ -1,73 +1,14 @@
 """Each rule of the inspection, broken in a copy of the executable, is refused. "scripts/check macos" runs it."""
 
-import os
-import pathlib
 import struct
 
 import inspect_executable
 import pytest
+from executable_copy import ARCHITECTURES, CPU_TYPE_I386, EXECUTABLE, Slice, copy_executable, rename
+from loader_rules import read_lazy_bindings
 from macholib import mach_o
-from macholib.MachO import MachO
 
-EXECUTABLE = pathlib.Path(
-    os.environ.get("EXECUTABLE", pathlib.Path(__file__).parents[2] / "build/macos-universal/webreq")
-)
-ARCHITECTURES = {"x86_64": 0x01000007, "arm64": 0x0100000C}  # their numbers as CPU types
-CPU_TYPE_I386 = 7
-HEADER_SIZE = 32
-
-
-class Slice:
-    """One slice of a copy of the executable, to be changed in place. All positions are from the slice's beginning."""
-
-    def __init__(self, path, architecture):
-        self.path = path
-        (self.macho,) = [h for h in MachO(path).headers if h.header.cputype == ARCHITECTURES[architecture]]
-        self.content = path.read_bytes()[self.macho.offset :][: self.macho.size]
-
-    def command(self, *kinds):
-        return next(command for load, command, _ in self.macho.commands if load.cmd in kinds)
-
-    def position(self, *kinds):
-        position = HEADER_SIZE
-        for load, _, _ in self.macho.commands:
-            if load.cmd in kinds:
-                return position
-            position += load.cmdsize
-        raise ValueError(kinds)
-
-    def segment(self, name):
-        return next(part for part in self._segments() if part.segname.rstrip(b"\0") == name.encode())
-
-    def section(self, name):
-        return next(part for part in self._sections() if part.sectname.rstrip(b"\0") == name.encode())
-
-    def _segments(self):
-        return [command for load, command, _ in self.macho.commands if load.cmd == mach_o.LC_SEGMENT_64]
-
-    def _sections(self):
-        return [part for load, _, parts in self.macho.commands if load.cmd == mach_o.LC_SEGMENT_64 for part in parts]
-
-    def save(self):
-        """Writes header and commands, as changed through macholib."""
-        with open(self.path, "r+b") as file:
-            self.macho.write(file)
-
-    def patch(self, position, content):
-        with open(self.path, "r+b") as file:
-            file.seek(self.macho.offset + position)
-            file.write(content)
-
-    def replace(self, old, new, start=0):
-        """Replaces the first occurrence behind `start`; the rest of the old bytes becomes zeros."""
-        self.patch(self.content.index(old, start), new.ljust(len(old), b"\0"))
-
-
-@pytest.fixture(name="copy")
-def copy_executable(tmp_path):
-    copy = tmp_path / "webreq"
-    copy.write_bytes(EXECUTABLE.read_bytes())
-    return copy
+__all__ = ["copy_executable"]  # a fixture
 
 
 def change(part, **fields):
@@ -117,16 +58,6 @@ def change_kind(*kinds, to):
     return lambda part: part.patch(part.position(*kinds), struct.pack("<I", to))
 
 
-def rename(old, new, table="stroff"):
-    def break_slice(part):
-        start = part.command(mach_o.LC_SYMTAB).stroff
-        if table == "lazy bindings":
-            start = part.command(mach_o.LC_DYLD_INFO_ONLY).lazy_bind_off
-        part.replace(old.encode() + b"\0", new.encode() + b"\0", start)
-
-    return break_slice
-
-
 def change_directory(offset, value):
     """Breaks the signature's code directory."""
 
@@ -154,6 +85,11 @@ def add_run_path(part):
 def change_signed_byte(part):
     section = part.section("__cstring")
     part.patch(section.offset, bytes([part.content[section.offset] ^ 1]))
+
+
+def change_lazy_pointer(part):
+    segment, offset, _ = next(iter(read_lazy_bindings(part.macho, part.content).values()))
+    part.patch(part.segments()[segment].fileoff + offset, struct.pack("<Q", 0x100000000))
 
 
 def change_last_lazy_offset(part):
@@ -249,10 +185,7 @@ BREAKS = {
         "the signature isn't the end of the slice",
     ),
     "lazy offset": (change_last_lazy_offset, "doesn't lead to its binding"),
-    "lazy pointer": (
-        lambda part: part.patch(part.section("__la_symbol_ptr").offset, struct.pack("<Q", 0x100000000)),
-        "doesn't lead to its binding",
-    ),
+    "lazy pointer": (change_lazy_pointer, "doesn't lead to its binding"),
     "lazily bound name": (rename("_strstr", "_strlen", "lazy bindings"), "binds _strlen where _strstr is called"),
 }
 

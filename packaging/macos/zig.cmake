@@ -28,11 +28,15 @@ file(WRITE ${empty}.cpp "int main() {}\n")
 execute_process(
   COMMAND ${ZIG} build-exe -target ${target} -O ReleaseSmall -fstrip -lc++ -lc --verbose-link -femit-bin=${empty} ${empty}.cpp
   ERROR_VARIABLE command_line COMMAND_ERROR_IS_FATAL ANY)
-string(REGEX MATCH "[^ ]+/libc\\+\\+abi\\.a .*/libcompiler_rt\\.a" libraries "${command_line}")
+string(REGEX MATCHALL "/o/[0-9a-f]+/lib[+_a-z]+\\.a" libraries "${command_line}")
+list(REMOVE_DUPLICATES libraries)
+list(TRANSFORM libraries REPLACE "(.+)" "\"$ENV{ZIG_GLOBAL_CACHE_DIR}\\1\"")
+list(INSERT libraries 2 -lSystem)
+list(JOIN libraries " " libraries)
 cmake_path(GET ZIG PARENT_PATH zig_folder)
 
 set(CMAKE_CXX_LINK_EXECUTABLE
-  "${LLD} -arch ${MACOS_SLICE} -platform_version macos ${oldest} 14.0 -dead_strip -S -data_const -adhoc_codesign -o <TARGET> <OBJECTS> <LINK_LIBRARIES> -L${zig_folder}/lib/libc/darwin ${libraries}")
+  "\"${LLD}\" -arch ${MACOS_SLICE} -platform_version macos ${oldest} 14.0 -dead_strip -S -data_const -adhoc_codesign -o <TARGET> <OBJECTS> <LINK_LIBRARIES> \"-L${zig_folder}/lib/libc/darwin\" ${libraries}")
 
 set(CURL_LIBRARY ${CMAKE_CURRENT_LIST_DIR}/libcurl.4.tbd)
 set(CMAKE_INSTALL_LIBDIR lib)  # not asked for the pointer size, which CMake cannot find out from zig

@@ -4,8 +4,6 @@
 #include "refuse.h"
 #include "stream.h"
 
-extern "C" void dyld_stub_binder();  // stub_binder.S
-
 namespace macho {
 
 namespace {

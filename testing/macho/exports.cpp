@@ -13,7 +13,7 @@ constexpr std::uint64_t kWeakDefinition = 4;  // the one flag that changes nothi
 const void* readAddress(const Image& image, Stream& node) {
   const std::uint64_t flags = node.unsignedNumber();
   if ((flags & ~kWeakDefinition) != 0) refuse("%s: exports something with the flags %#lx", image.path, flags);
-  return headerInMemory(image) + node.unsignedNumber();
+  return image.text + node.unsignedNumber();
 }
 
 // The next node's position is behind the label that `symbol` goes on with, which is taken off; 0 if there is none.

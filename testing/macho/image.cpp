@@ -149,7 +149,7 @@ void checkSegment(const Slice& slice, const SegmentCommand& segment) {
   if (segment.offset > slice.size || segment.contentSize > slice.size - segment.offset) {
     refuse("%s: %.16s has content behind the end", slice.path, name);
   }
-  if (segment.contentSize > roundUpToPages(segment.addressSize)) {
+  if (segment.contentSize > segment.addressSize) {
     refuse("%s: %.16s has more content than addresses", slice.path, name);
   }
   if (segment.sectionCount > (segment.size - sizeof segment) / sizeof(Section)) {
@@ -213,13 +213,14 @@ int protectionOf(std::int32_t protection) {
          ((protection & kRunnable) != 0 ? PROT_EXEC : 0);
 }
 
-// Addresses for all segments that have some, in one piece: how far they are from the file's is the slide.
-std::uint64_t reserveAddresses(const Image& image, std::uint64_t begin) {
+// Addresses for all segments from __TEXT on, in one piece, at a page boundary of macOS.
+std::uint8_t* reserveAddresses(const Image& image, std::uint64_t begin) {
   const SegmentCommand& last = *image.segments[image.segmentCount - 1];
   const std::uint64_t size = roundUpToPages(last.address + last.addressSize) - begin;
   void* const space = mmap(nullptr, size + kPageSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   if (space == MAP_FAILED) refuse("%s: %s", image.path, std::strerror(errno));
-  return roundUpToPages(reinterpret_cast<std::uint64_t>(space)) - begin;
+  const auto address = reinterpret_cast<std::uint64_t>(space);
+  return static_cast<std::uint8_t*>(space) + (roundUpToPages(address) - address);
 }
 
 void mapAt(const char* path, std::uint8_t* address, std::uint64_t size, int protection, int flags, int file,
@@ -247,13 +248,12 @@ Image mapImage(const char* path, FileType type) {
   const Slice slice = findSlice(file);
   checkHeader(slice, type);
   Image image = readCommands(path, reinterpret_cast<const Header*>(slice.content));
-  for (std::size_t i = 0; i < image.segmentCount; ++i) {
-    checkSegment(slice, *image.segments[i]);
-    checkSections(slice, *image.segments[i]);
-  }
+  for (std::size_t i = 0; i < image.segmentCount; ++i) checkSegment(slice, *image.segments[i]);
   checkLayout(slice, image);
+  for (std::size_t i = 0; i < image.segmentCount; ++i) checkSections(slice, *image.segments[i]);
   const std::size_t first = indexOfText(image);  // nothing is ever mapped where __PAGEZERO is
-  image.slide = reserveAddresses(image, image.segments[first]->address);
+  image.text = reserveAddresses(image, image.segments[first]->address);
+  image.slide = reinterpret_cast<std::uint64_t>(image.text) - image.segments[first]->address;
   for (std::size_t i = first; i < image.segmentCount; ++i) mapSegment(image, slice, *image.segments[i]);
   close(file.file);
   return image;
@@ -268,11 +268,7 @@ void protectConstants(const Image& image) {
 }
 
 std::uint8_t* addressInMemory(const Image& image, std::uint64_t address) {
-  return reinterpret_cast<std::uint8_t*>(address + image.slide);
-}
-
-std::uint8_t* headerInMemory(const Image& image) {
-  return addressInMemory(image, image.segments[indexOfText(image)]->address);
+  return image.text + (address - image.segments[indexOfText(image)]->address);
 }
 
 const std::uint8_t* contentInMemory(const Image& image, Range range) {

@@ -14,6 +14,7 @@ namespace macho {
 struct Image {
   const char* path;
   const Header* header;
+  std::uint8_t* text;   // __TEXT in memory: the header, from which on exports and the entry point are counted
   std::uint64_t slide;  // what is added to an address of the file to get one in memory
   std::size_t segmentCount;
   std::array<const SegmentCommand*, 16> segments;
@@ -32,9 +33,6 @@ void protectConstants(const Image& image);
 
 // Where an address of the file is in memory.
 std::uint8_t* addressInMemory(const Image& image, std::uint64_t address);
-
-// Where offset 0 of the slice is in memory: its header, from which on exports and the entry point are counted.
-std::uint8_t* headerInMemory(const Image& image);
 
 // Where a part of __LINKEDIT is in memory. Refuses one outside it.
 const std::uint8_t* contentInMemory(const Image& image, Range range);

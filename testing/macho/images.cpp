@@ -57,7 +57,7 @@ const void* findImport(std::string_view library, std::string_view symbol) {
 bool findUnwindSections(const void* address, UnwindSections* sections) {
   const Image* const image = findImage(address);
   if (image == nullptr) return false;
-  sections->header = headerInMemory(*image);
+  sections->header = image->text;
   locate(*image, "__eh_frame", sections->dwarf, sections->dwarfSize);
   locate(*image, "__unwind_info", sections->compact, sections->compactSize);
   return true;
@@ -65,7 +65,7 @@ bool findUnwindSections(const void* address, UnwindSections* sections) {
 
 }  // namespace macho
 
-// Called by dyld_stub_binder with an address of the image whose function it is, and returns the function's.
+// Called by stubBinder with an address of the image whose function it is, and returns the function's.
 extern "C" std::uint64_t bindCalledFunction(const void* address, std::uint64_t lazyBinding) {
   const macho::Image* const image = macho::findImage(address);
   if (image == nullptr) macho::refuse("a function is called out of no image");

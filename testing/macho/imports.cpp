@@ -2,12 +2,12 @@
 
 #include <curl/curl.h>
 #include <pthread.h>
-#include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "images.h"
 #include "refuse.h"
@@ -15,7 +15,7 @@
 
 extern "C" {
 
-void dyld_stub_binder();
+void stubBinder();  // stub_binder.S
 
 #if defined(__aarch64__)
 #define VARIADIC(function) variadic_##function
@@ -77,7 +77,7 @@ const Import kCurl[] = {
 };
 
 const Import kSystem[] = {
-    {"dyld_stub_binder", addressOf(dyld_stub_binder)},
+    {"dyld_stub_binder", addressOf(stubBinder)},
     {"__dyld_find_unwind_sections", addressOf(findUnwindSections)},
     {"__dyld_register_func_for_remove_image", addressOf(callWhenImageGoes)},
     {"__DefaultRuneLocale", kUnreadable},

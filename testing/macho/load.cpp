@@ -32,7 +32,7 @@ using EntryPoint = int(int argumentCount, char** arguments, char** environment, 
 
 int run(const Image& image, int argumentCount, char** arguments) {
   const char* fromKernel[] = {image.path, nullptr};
-  auto* const entryPoint = reinterpret_cast<EntryPoint*>(headerInMemory(image) + image.entryPoint->offset);
+  auto* const entryPoint = reinterpret_cast<EntryPoint*>(image.text + image.entryPoint->offset);
   return entryPoint(argumentCount, arguments, environ, fromKernel);
 }
 

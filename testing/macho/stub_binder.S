@@ -1,11 +1,11 @@
-// dyld_stub_binder: where a function's stub leads as long as the function isn't bound. The stub's helper has pushed which
+// What images import as dyld_stub_binder: where a function's stub leads as long as the function isn't bound. The stub's helper has pushed which
 // lazy binding it is and an address in the image. All registers that arguments are in have to survive.
 
 #if defined(__x86_64__)
 
-        .globl  dyld_stub_binder
-        .type   dyld_stub_binder, @function
-dyld_stub_binder:
+        .globl  stubBinder
+        .type   stubBinder, @function
+stubBinder:
         pushq   %rbp
         movq    %rsp, %rbp              // above it: address in the image, lazy binding, return address
         subq    $192, %rsp
@@ -49,9 +49,9 @@ dyld_stub_binder:
 
 #elif defined(__aarch64__)
 
-        .globl  dyld_stub_binder
-        .type   dyld_stub_binder, %function
-dyld_stub_binder:
+        .globl  stubBinder
+        .type   stubBinder, %function
+stubBinder:
         stp     x29, x30, [sp, #-16]!
         mov     x29, sp                 // above it: lazy binding, address in the image
         sub     sp, sp, #208

@@ -21,7 +21,7 @@ namespace {
 
 struct Constant {
   int macos;
-  int linux;
+  int here;
 };
 
 // Bits of macOS's become Linux's.
@@ -30,7 +30,7 @@ int translateBits(const char* function, int bits, const std::array<Constant, siz
   int translated = 0;
   for (const Constant& constant : constants) {
     if ((bits & constant.macos) == 0) continue;
-    translated |= constant.linux;
+    translated |= constant.here;
     bits &= ~constant.macos;
   }
   if (bits != 0) refuse("%s gets the unknown bits %#x", function, static_cast<unsigned>(bits));
@@ -62,7 +62,7 @@ int getFlags(int file) { return fcntl(file, F_GETFD); }
 
 int translateError(int error) {
   for (const Constant& constant : kErrors) {
-    if (constant.linux == error) return constant.macos;
+    if (constant.here == error) return constant.macos;
   }
   if (error < 1 || error > ERANGE) refuse("the unknown error %d", error);
   return error;

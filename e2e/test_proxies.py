@@ -1,0 +1,142 @@
+"""Proxies, which libcurl takes from the environment: each kind, with the bytes that it receives."""
+
+import socket
+import struct
+
+import libcurl
+import own_network
+import pytest
+from conftest import ENVIRONMENT, WEBREQ, Answer
+from scripted_server import READ_REQUEST, ScriptedServer, reply
+
+OK = reply(200, b"ok")
+ANSWERED = Answer(b"200\nok\n")
+PLAIN = b"GET / HTTP/1.1\r\nHost: 192.0.2.7\r\nAccept: */*\r\n\r\n"
+PORT = struct.pack(">H", 80)
+ADDRESS = socket.inet_aton("192.0.2.7")
+NAME = b"host.invalid"
+
+
+def expect(expected):
+    """A step that receives these bytes; with others the connection ends."""
+
+    def receive(connection):
+        if connection.recv(len(expected), socket.MSG_WAITALL) != expected:
+            raise OSError
+
+    return receive
+
+
+def choose_no_authentication(connection):
+    """A SOCKS 5 client offers the ways that its libcurl knows."""
+    version, count = connection.recv(2, socket.MSG_WAITALL)
+    assert version == 5 and 0 in connection.recv(count, socket.MSG_WAITALL)
+    connection.sendall(b"\x05\0")
+
+
+SOCKS = [
+    ("socks4", "192.0.2.7", [expect(b"\x04\x01" + PORT + ADDRESS + b"\0"), b"\0\x5a" + bytes(6)]),
+    (
+        "socks4a",
+        "host.invalid",
+        [expect(b"\x04\x01" + PORT + b"\0\0\0\x01" + b"\0" + NAME + b"\0"), b"\0\x5a" + bytes(6)],
+    ),
+    (
+        "socks5",
+        "192.0.2.7",
+        [choose_no_authentication, expect(b"\x05\x01\0\x01" + ADDRESS + PORT), b"\x05\0\0\x01" + bytes(6)],
+    ),
+    (
+        "socks5h",
+        "host.invalid",
+        [choose_no_authentication, expect(b"\x05\x01\0\x03\x0c" + NAME + PORT), b"\x05\0\0\x01" + bytes(6)],
+    ),
+]
+
+
+@pytest.fixture
+def request_through(tool):
+    """Performs a request with the proxy that a variable of the environment names."""
+    return lambda url, **proxies: tool.request(url, env={**ENVIRONMENT, **proxies})
+
+
+def test_http(request_through, serve):
+    proxy = serve(OK)
+    assert request_through("http://192.0.2.7/", http_proxy=proxy.url) == ANSWERED
+    assert proxy.requests == [
+        b"GET http://192.0.2.7/ HTTP/1.1\r\nHost: 192.0.2.7\r\nAccept: */*\r\nProxy-Connection: Keep-Alive\r\n\r\n"
+    ]
+
+
+def test_http_with_a_password(request_through, serve):
+    proxy = serve(OK)
+    url = proxy.url.replace("//", "//user:secret@")
+    assert request_through("http://192.0.2.7/", http_proxy=url) == ANSWERED
+    assert b"\r\nProxy-Authorization: Basic dXNlcjpzZWNyZXQ=\r\n" in proxy.requests[0]
+
+
+def test_tunnel(request_through, serve, make_certificate):
+    """TLS begins behind the proxy's answer."""
+    context = make_certificate("192.0.2.7").server_context
+
+    def encrypt(connection):
+        with context.wrap_socket(connection, server_side=True) as encrypted:
+            request = encrypted.recv(65536)
+            encrypted.sendall(OK if request.startswith(PLAIN) else b"")
+
+    proxy = serve([READ_REQUEST, b"HTTP/1.1 200 Established\r\n\r\n", encrypt])
+    assert request_through("https://192.0.2.7/", https_proxy=proxy.url) == ANSWERED
+    assert proxy.requests[0].startswith(b"CONNECT 192.0.2.7:443 HTTP/1.1\r\nHost: 192.0.2.7:443\r\n")
+
+
+def test_tunnel_that_is_refused(request_through, serve):
+    proxy = serve(reply(403))
+    assert request_through("https://192.0.2.7/", https_proxy=proxy.url) == Answer(libcurl.answer("refused tunnel"))
+
+
+@pytest.mark.parametrize("scheme, host, handshake", SOCKS, ids=[scheme for scheme, _, _ in SOCKS])
+def test_socks(request_through, serve, scheme, host, handshake):
+    proxy = serve([*handshake, READ_REQUEST, OK])
+    assert request_through(f"http://{host}/", ALL_PROXY=f"{scheme}://127.0.0.1:{proxy.port}") == ANSWERED
+    assert proxy.requests == [PLAIN.replace(b"192.0.2.7", host.encode())]
+
+
+def test_no_proxy(request_through, serve):
+    server = serve(OK)
+    assert request_through(server.url, http_proxy="http://127.0.0.1:1", no_proxy="127.0.0.1") == ANSWERED
+
+
+def test_https_proxy_that_is_not_trusted(request_through, serve, make_certificate):
+    """Verification is off for servers, not for proxies."""
+    proxy = serve(OK, tls_context=make_certificate("127.0.0.1").server_context)
+    assert request_through("http://192.0.2.7/", http_proxy=proxy.url) == Answer(b"60\n")
+    assert b"".join(proxy.requests) == b""
+
+
+@pytest.mark.skipif(not own_network.is_possible(), reason="no folder /etc can be put in the place of the system's")
+def test_https_proxy_that_is_trusted(tmp_path, make_certificate):
+    """By the system's list of authorities, where Debian has it."""
+    certificate = make_certificate("localhost")
+    (tmp_path / "ssl/certs").mkdir(parents=True)
+    (tmp_path / "ssl/certs/ca-certificates.crt").write_bytes(certificate.path.read_bytes())
+    (tmp_path / "hosts").write_text("127.0.0.1 localhost\n")
+    (tmp_path / "nsswitch.conf").write_text("hosts: files\n")
+
+    def serve(sockets):
+        (listener,) = [opened for opened in sockets if opened.getsockname()[:2] == ("127.0.0.1", 81)]
+        return ScriptedServer(OK, tls_context=certificate.server_context, listener=listener)
+
+    environment = {**ENVIRONMENT, "http_proxy": "https://localhost:81"}
+    run = own_network.run([WEBREQ, "-web", "http://192.0.2.7/"], tmp_path, serve, env=environment)
+    assert Answer(run.stdout, run.stderr, run.returncode) == Answer(libcurl.answer("trusted proxy"))
+
+
+@pytest.mark.skipif(libcurl.version() < (7, 84, 0), reason="libcurl 7.84 brought it")
+def test_socks_at_a_unix_socket(request_through, tmp_path):
+    """libcurl takes a path behind "localhost" for one."""
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(str(tmp_path / "proxy"))
+        listener.listen()
+        _, host, handshake = SOCKS[-1]
+        with ScriptedServer([*handshake, READ_REQUEST, OK], listener=listener):
+            assert request_through(f"http://{host}/", ALL_PROXY=f"socks5h://localhost{tmp_path}/proxy") == ANSWERED
