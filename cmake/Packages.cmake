@@ -1,4 +1,6 @@
 # What gets installed, and the Debian package that CPack makes of it. scripts/package makes all packages.
+set(WEBREQ_MAINTAINER "The webreq authors <webreq@example.org>" CACHE STRING "The packages' maintainer")
+
 set(package webreq)
 if(WEBREQ_STATIC)
   set(package webreq-static)
@@ -21,7 +23,7 @@ install(FILES CHANGELOG.md DESTINATION ${documents} RENAME changelog)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME ${package})
-set(CPACK_PACKAGE_CONTACT "The webreq authors <webreq@example.org>")
+set(CPACK_PACKAGE_CONTACT ${WEBREQ_MAINTAINER})
 set(CPACK_STRIP_FILES ON)
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/debian/finish.cmake)
 

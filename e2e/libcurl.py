@@ -11,7 +11,7 @@ import re
 import socket
 import subprocess
 
-from conftest import ENVIRONMENT, WEBREQ
+from conftest import ENVIRONMENT, TRANSLATOR, WEBREQ
 
 # What the tool prints (but where another thing is named), by the first version from which on it does. Later versions than the last one print the same.
 # 7.88.1 is Debian 12's, which has the limit on all headers of 8.3.0.
@@ -108,8 +108,8 @@ def _mapped_files(process):
 
 
 def _what_a_file_says(path):
-    """A shared libcurl's own word; of any other file the contents, which have it where libcurl is a part of it."""
-    if not path.name.startswith("libcurl"):
+    """A shared libcurl's own word; of any other file, and of a libcurl for another processor, the contents."""
+    if TRANSLATOR or not path.name.startswith("libcurl"):
         return path.read_bytes()
     library = ctypes.CDLL(path)
     library.curl_version.restype = ctypes.c_char_p

@@ -1,13 +1,20 @@
-"""What the README and the manual page show is what happens."""
+"""What the README and the manual page show is what happens, and all documents speak of the same version."""
 
+import datetime
 import os
 import re
 
 import pytest
 from conftest import ENVIRONMENT, REPOSITORY, Answer
+from nginx import HTTP_PORT, HTTPS_PORT
 from scripted_server import reply
 
-README = (REPOSITORY / "README.md").read_text()
+
+def read(path):
+    return (REPOSITORY / path).read_text()
+
+
+README = read("README.md")
 
 
 def block(language):
@@ -16,7 +23,7 @@ def block(language):
 
 def manual_examples():
     """The manual page's displays as they are shown."""
-    source = (REPOSITORY / "docs/webreq.1").read_text()
+    source = read("docs/webreq.1")
     displays = "".join(re.findall(r"^\.Bd -literal.*\n((?:(?!\.Ed).*\n)*)", source, re.MULTILINE))
     for escape, shown in [(r"\(aq", "'"), (r"\-", "-"), (r"\e", "\\")]:
         displays = displays.replace(escape, shown)
@@ -42,8 +49,8 @@ def shell(tool, tmp_path):
 @pytest.mark.parametrize("text", [block("console"), manual_examples()], ids=["readme", "manual"])
 def test_console_examples(shell, nginx, text):
     for command, printed in console_examples(text):
-        for shown, real in [("http://127.0.0.1:8080", nginx.http_url), ("https://127.0.0.1:8443", nginx.https_url)]:
-            command = command.replace(shown, real)
+        command = command.replace(f"http://127.0.0.1:{HTTP_PORT}", nginx.http_url)
+        command = command.replace(f"https://127.0.0.1:{HTTPS_PORT}", nginx.https_url)
         assert shell(command) == Answer(printed.encode()), command
 
 
@@ -52,3 +59,14 @@ def test_shell_caller(shell, serve, body):
     caller = block("sh") + 'printf \'%s|%s|\' "$result" "$body"'
     server = serve(reply(404, body.encode()))
     assert shell(caller, url=server.url) == Answer(f"404|{body}|".encode())
+
+
+def test_version_and_date_are_the_same_everywhere(tool):
+    version, date = re.match(r"webreq v(\S+) \((\d{8})\)", tool.run().stdout.decode()).groups()
+    day = datetime.datetime.strptime(date, "%Y%m%d")
+    assert f"project(webreq VERSION {version} " in read("CMakeLists.txt")
+    assert read("CHANGELOG.md").startswith(f"# Changelog\n\n## {version}, {day:%Y-%m-%d}\n")
+    assert read("docs/webreq.1").startswith(f".Dd {day:%B} {day.day}, {day.year}\n")
+    assert read("packaging/debian/changelog").startswith(f"@CPACK_PACKAGE_NAME@ ({version}-1) ")
+    assert f"@  {day:%a, %d %b %Y} 00:00:00 +0000\n" in read("packaging/debian/changelog")
+    assert set(re.findall(r"webreq(?:-[a-z]+)?[-_](\d[\d.]*\d)", README)) == {version}
