@@ -45,6 +45,9 @@ ANSWERS = {
     "endless headers": {"7.54.0": b"28\n", "7.88.1": b"56\n", "8.0.0": b"28\n", "8.3.0": b"56\n", "8.14.1": b"100\n"},
     # Without memory for its receive buffer: does it give out a handle that crashes?
     "no receive buffer, but a handle": {"7.54.0": True, "7.55.0": False},
+    # A negative TIMEOUT and a server that is silent: refused, so that libcurl's own 300 seconds for connecting are in
+    # force, or taken for one of 2^32 seconds less that many, which nobody waits for (None).
+    "negative time-out": {"7.54.0": None, "7.57.0": b"28\n", "8.15.0": None},
     # A resolver that takes longer than the time-out: is it waited for?
     "hanging resolver": {"7.54.0": False, "7.62.0": True},
     # Connections that end too early.
