@@ -5,9 +5,11 @@ its time-out on a busy machine, so the upper bounds are wide: connecting ends be
 """
 
 import contextlib
+import functools
 import select
 import shutil
 import socket
+import subprocess
 import sys
 import time
 
@@ -84,12 +86,12 @@ needs_own_clock = impossible_under_translator("faketime doesn't make the clock f
 
 @pytest.fixture
 def hurried(tool):
-    """Runs the tool on a clock that goes 20 times as fast."""
+    """Runs the tool on a clock that goes so many times as fast."""
 
-    def request(description):
+    def request(description, speed=20, **options):
         environment = {**ENVIRONMENT, "ASAN_OPTIONS": "verify_asan_link_order=0"}  # faketime's library precedes asan's
-        command = ["faketime", "-f", "+0 x20", tool.path, "-web", description]
-        return tool.run_command(command, env=environment)
+        command = ["faketime", "-f", f"+0 x{speed}", tool.path, "-web", description]
+        return tool.run_command(command, env=environment, **options)
 
     return request
 
@@ -107,3 +109,17 @@ def test_60_seconds_for_the_whole_request(hurried, serve):
     server = serve([READ_REQUEST, HALF_A_BODY, AWAIT_CLOSE])
     with timed(at_least=60 / 20):
         assert hurried(f"{server.url}|||||30000") == Answer(b"28\nhalf\0\n")
+
+
+@needs_faketime
+@needs_own_clock
+def test_negative_time_out_on_a_silent_server(hurried):
+    printed = libcurl.answer("negative time-out")
+    with silent_listener() as port:
+        request = functools.partial(hurried, f"http://127.0.0.1:{port}/|||||-1000", speed=100)
+        if printed:
+            with timed(at_least=300 / 100):
+                assert request() == Answer(printed)
+        else:
+            with pytest.raises(subprocess.TimeoutExpired):
+                request(timeout=600 / 100)

@@ -39,8 +39,8 @@ void moveParametersToQuery(Request& request) {
   request.parameterString.clear();
 }
 
-// Widens without the sign, so that libcurl gets a negative time-out as a number past its range, refuses it and keeps
-// its default.
+// Widens without the sign: libcurl gets a negative time-out as 2^32 plus it. Some versions refuse that and keep their
+// default, others take it (docs/reliability.md).
 long toTimeOut(std::int32_t seconds) { return static_cast<long>(static_cast<std::uint32_t>(seconds)); }
 
 // libcurl reads a long from its variable arguments: an int would leave half of it undefined on some systems.

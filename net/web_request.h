@@ -18,8 +18,8 @@ namespace reqkit {
 //   h  further header lines, separated by carriage returns; "\s" in a line stands for a space
 //   a  user agent; none is set when it is empty
 //   t  time-out in milliseconds, as text for atoi(); it becomes whole seconds: t / 1000 for connecting, t / 500 for
-//      the whole request. 0 leaves libcurl's own time-outs in force, and so does a negative number, which reaches
-//      libcurl as 2^32 plus it and is refused there. Text past the range of an int is undefined, as for atoi().
+//      the whole request. 0 leaves libcurl's own time-outs in force. A negative number reaches libcurl as 2^32 plus it,
+//      which some versions refuse and others wait for. Text past the range of an int is undefined, as for atoi().
 using RequestParameters = std::map<char, std::string>;
 
 // Performs the request that `parameters` describe and replaces `response` with the body of the answer, byte for byte.

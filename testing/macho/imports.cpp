@@ -52,10 +52,9 @@ const void* withError(Result (*)(Arguments...)) {
 #define WITH_ERROR(function) withError<function>(function)
 
 // What only happens where the process is about to abort, or where a newer system is looked for.
-#define UNTRANSLATED(name)                                                              \
-  {                                                                                     \
-    name, addressOf(+[] { refuse("calls " name ", for which there is nothing here"); }) \
-  }
+Import untranslated(const char* name, void (*refusal)()) { return {name, addressOf(refusal)}; }
+#define REFUSAL(name) [] { refuse("calls " name ", for which there is nothing here"); }
+#define UNTRANSLATED(name) untranslated(name, REFUSAL(name))
 
 const void* zeroMemory(void* memory, std::size_t size) { return memset(memory, 0, size); }
 
