@@ -100,7 +100,8 @@ def comma_locale(tmp_path):
     command = ["localedef", "--force", "-i", tmp_path / "definition", tmp_path / "comma"]
     if not shutil.which("localedef") or subprocess.run(command, capture_output=True, check=False).returncode > 1:
         pytest.skip("no locale can be made here")
-    return {"LOCPATH": str(tmp_path), "LC_NUMERIC": "comma"}
+    # With LOCPATH the C library loses some bytes, which the sanitizer of leaks would report.
+    return {"LOCPATH": str(tmp_path), "LC_NUMERIC": "comma", "ASAN_OPTIONS": "detect_leaks=0"}
 
 
 def test_fan_out_counts_in_any_locale(run, serve, comma_locale):
