@@ -35,6 +35,9 @@ extern "C" int open(const char* path, int flags, ...) {
   return openat(AT_FDCWD, path, flags, mode);
 }
 
+// What clang makes of open() where the C library's headers check it.
+extern "C" int __open_2(const char* path, int flags) { return open(path, flags); }
+
 namespace webreq {
 
 namespace {
