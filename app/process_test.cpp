@@ -50,7 +50,7 @@ using OpenFile = std::tuple<dev_t, ino_t, int>;
 
 OpenFile openFileOf(int descriptor) {
   struct stat status = {};
-  EXPECT_EQ(fstat(descriptor, &status), 0) << descriptor;
+  EXPECT_TRUE(descriptor >= 0 && fstat(descriptor, &status) == 0) << descriptor;
   return {status.st_dev, status.st_ino, fcntl(descriptor, F_GETFL) & O_ACCMODE};
 }
 
