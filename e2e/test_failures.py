@@ -72,6 +72,6 @@ has_limits = pytest.mark.skipif(
 @pytest.mark.parametrize("scheme", ["http", "https"])
 def test_scarce_address_space_suffices(tool, nginx, mebibytes, scheme):
     url = {"http": nginx.http_url, "https": nginx.https_url}[scheme].replace("127.0.0.1", "localhost")
-    answer = tool.request(f"{url}/echo", preexec_fn=limit_address_space(mebibytes))
+    answer = tool.request(f"{url}/echo|||||30000", preexec_fn=limit_address_space(mebibytes))
     assert answer.stdout.startswith(b"200\nHTTP/")
     assert answer == answer._replace(stderr=b"", status=0)

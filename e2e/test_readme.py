@@ -17,8 +17,8 @@ def read(path):
 README = read("README.md")
 
 
-def block(language):
-    return re.search(rf"```{language}\n(.*?)```", README, re.DOTALL)[1]
+def blocks(language):
+    return "".join(re.findall(rf"```{language}\n(.*?)```", README, re.DOTALL))
 
 
 def manual_examples():
@@ -46,7 +46,7 @@ def shell(tool, tmp_path):
     return lambda line, **variables: tool.run_command(["sh", "-c", line], env={**environment, **variables})
 
 
-@pytest.mark.parametrize("text", [block("console"), manual_examples()], ids=["readme", "manual"])
+@pytest.mark.parametrize("text", [blocks("console"), manual_examples()], ids=["readme", "manual"])
 def test_console_examples(shell, nginx, text):
     for command, printed in console_examples(text):
         command = command.replace(f"http://127.0.0.1:{HTTP_PORT}", nginx.http_url)
@@ -56,7 +56,7 @@ def test_console_examples(shell, nginx, text):
 
 @pytest.mark.parametrize("body", ["", "one line", "\n", "ends with line feeds\n\n", ".", "a\n.\nb."], ids=repr)
 def test_shell_caller(shell, serve, body):
-    caller = block("sh") + 'printf \'%s|%s|\' "$result" "$body"'
+    caller = blocks("sh") + 'printf \'%s|%s|\' "$result" "$body"'
     server = serve(reply(404, body.encode()))
     assert shell(caller, url=server.url) == Answer(f"404|{body}|".encode())
 
