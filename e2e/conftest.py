@@ -23,6 +23,7 @@ WEBREQ = os.path.abspath(os.environ.get("WEBREQ", REPOSITORY / "build/release/we
 BUILD = pathlib.Path(WEBREQ).parent
 EXECUTABLE = BUILD / "webreq"
 
+IS_SANITIZED = BUILD.name == "asan"  # many of which need seconds to start side by side
 IS_STATIC = BUILD.name.startswith("static")  # nothing can be preloaded into it
 
 MEMORY = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES")  # bytes

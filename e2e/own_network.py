@@ -13,7 +13,7 @@ import sys
 
 SIOCSIFFLAGS = 0x8914
 IFF_UP = 1
-NEW = ["unshare", "--map-root-user", "--net", "--mount"]
+NEW = ["unshare", *([] if os.geteuid() == 0 else ["--map-root-user"]), "--net", "--mount"]
 
 
 def is_possible():

@@ -12,7 +12,7 @@ import time
 
 import own_network
 import pytest
-from conftest import ENVIRONMENT, EXECUTABLE, IS_STATIC, WEBREQ, Answer, impossible_under_translator
+from conftest import ENVIRONMENT, EXECUTABLE, IS_SANITIZED, IS_STATIC, WEBREQ, Answer, impossible_under_translator
 
 if not own_network.is_possible():
     pytest.skip("no network namespace can be made here", allow_module_level=True)
@@ -23,6 +23,8 @@ import dns.rcode
 import dns.rrset
 
 only_static = pytest.mark.skipif(not IS_STATIC, reason="another resolver, which takes its time")
+
+PROMPT = 20 if IS_SANITIZED else 2  # seconds: less than resolvers wait for a server that doesn't answer
 
 HERE = {"host.test.": ["A 127.0.0.1"]}
 
@@ -178,35 +180,35 @@ TIMED_OUT = Answer(b"28\n")
 
 def test_address(request_by_name):
     answer, seconds, queries = request_by_name("http://host.test/", zone(HERE))
-    assert answer == FOUND and seconds < 2
+    assert answer == FOUND and seconds < PROMPT
     assert set(queries) == {"UDP host.test. A", "UDP host.test. AAAA"}
 
 
 def test_name_that_does_not_exist(request_by_name):
     answer, seconds, _ = request_by_name("http://host.test/", zone({}))
-    assert answer == NOT_FOUND and seconds < 2
+    assert answer == NOT_FOUND and seconds < PROMPT
 
 
 def test_chain_of_aliases(request_by_name):
     chain = {f"a{i}.test.": [f"CNAME a{i + 1}.test."] for i in range(8)}
     answer, seconds, _ = request_by_name("http://a0.test/", zone({**chain, "a8.test.": ["A 127.0.0.1"]}))
-    assert answer == FOUND and seconds < 2
+    assert answer == FOUND and seconds < PROMPT
 
 
 def test_alias_that_leads_nowhere(request_by_name):
     answer, seconds, _ = request_by_name("http://a0.test/", zone({"a0.test.": ["CNAME a1.test."]}))
-    assert answer == NOT_FOUND and seconds < 2
+    assert answer == NOT_FOUND and seconds < PROMPT
 
 
 def test_truncated_answer_is_asked_for_by_tcp(request_by_name):
     answer, seconds, queries = request_by_name("http://host.test/", truncated)
-    assert answer == FOUND and seconds < 2
+    assert answer == FOUND and seconds < PROMPT
     assert {"UDP host.test. A", "TCP host.test. A"} <= set(queries)
 
 
 def test_late_answer(request_by_name):
     answer, seconds, _ = request_by_name("http://host.test/|||||5000", late)
-    assert answer == FOUND and 1 <= seconds < 3
+    assert answer == FOUND and 1 <= seconds < 1 + PROMPT
 
 
 @pytest.mark.parametrize("first", [refused, zone({}), silent], ids=["refuses", "knows nothing", "is silent"])
@@ -221,13 +223,13 @@ def test_search_domain(request_by_name):
     found = zone({"host.second.test.": ["A 127.0.0.1"]})
     domains = "search first.test second.test\nnameserver 127.0.0.1\n"
     answer, seconds, queries = request_by_name("http://host/", found, resolv_conf=domains)
-    assert answer == FOUND and seconds < 2
+    assert answer == FOUND and seconds < PROMPT
     assert {"UDP host.first.test. A", "UDP host.second.test. A"} <= set(queries)
 
 
 def test_localhost_is_known(request_by_name):
     answer, seconds, queries = request_by_name("http://localhost/", silent)
-    assert answer.stdout.startswith(b"200\n") and seconds < 1
+    assert answer.stdout.startswith(b"200\n") and seconds < PROMPT
     assert queries == []
 
 
@@ -235,7 +237,7 @@ def test_localhost_is_known(request_by_name):
 def test_name_in_etc_hosts(request_by_name, name_server):
     """Its address counts, though a name server may be asked for one of the other kind, which is not in the file."""
     answer, seconds, queries = request_by_name("http://in-hosts/", name_server)
-    assert answer == FOUND and seconds < 1
+    assert answer == FOUND and seconds < PROMPT
     assert "UDP in-hosts. A" not in queries
 
 
@@ -252,31 +254,31 @@ def test_name_in_etc_hosts(request_by_name, name_server):
 )
 def test_address_that_answers_is_found(request_by_name, records, port, body):
     answer, seconds, _ = request_by_name(f"http://host.test:{port}/", zone({"host.test.": records}))
-    assert answer == Answer(b"200\n%s\n" % body) and seconds < 2
+    assert answer == Answer(b"200\n%s\n" % body) and seconds < PROMPT
 
 
 def test_name_server_that_refuses(request_by_name):
     answer, seconds, _ = request_by_name("http://host.test/|||||30000", refused)
-    assert answer == NOT_FOUND and seconds < 2
+    assert answer == NOT_FOUND and seconds < PROMPT
 
 
 @only_static
 @pytest.mark.parametrize("text, least", [("999", 1), ("1500", 1), ("2000", 2), ("", 2)])
 def test_time_out_holds_while_no_name_server_answers(request_by_name, text, least):
     answer, seconds, queries = request_by_name(f"http://host.test/|||||{text}", silent)
-    assert answer == TIMED_OUT and least <= seconds < least + 1
+    assert answer == TIMED_OUT and least <= seconds < least + 1.5
     assert queries != []
 
 
 @only_static
 def test_time_out_holds_while_an_answer_is_late(request_by_name):
     answer, seconds, _ = request_by_name("http://host.test/|||||999", lambda *query: time.sleep(3))
-    assert answer == TIMED_OUT and 1 <= seconds < 2
+    assert answer == TIMED_OUT and 1 <= seconds < 2.5
 
 
 def test_no_name_server_is_there(request_by_name):
     answer, seconds, _ = request_by_name("http://host.test/|||||30000", resolv_conf="nameserver 127.0.0.3\n")
-    assert answer == NOT_FOUND and seconds < 2
+    assert answer == NOT_FOUND and seconds < PROMPT
 
 
 @only_static

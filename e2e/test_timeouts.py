@@ -15,10 +15,9 @@ import time
 
 import libcurl
 import pytest
-from conftest import BUILD, ENVIRONMENT, IS_STATIC, Answer, impossible_under_translator, preloading
+from conftest import ENVIRONMENT, IS_SANITIZED, IS_STATIC, Answer, impossible_under_translator, preloading
 from scripted_server import AWAIT_CLOSE, READ_REQUEST, pause, reply
 
-IS_SANITIZED = BUILD.name == "asan"  # many of which need seconds to start side by side
 HALF_A_BODY = b"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nhalf\0"
 
 # TIMEOUT, seconds for connecting, seconds for the whole request.

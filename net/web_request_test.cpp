@@ -28,9 +28,9 @@ constexpr const char* kEndCallsOfAFailure = "slist_free_all []\neasy_cleanup\ngl
 struct Transfer {
   std::string url = "U";
   bool isPost = false;
-  std::string body = {};
-  Lines headers = {};
-  std::string userAgent = {};
+  std::string body;
+  Lines headers;
+  std::string userAgent;
   std::string connectTimeOut = "0";
   std::string timeOut = "0";
 };

@@ -101,7 +101,7 @@ Opcode Binder::perform(Stream& stream) {
 }
 
 void Binder::setSymbol(std::uint8_t flags, std::string_view symbol) {
-  if (flags != 0 && !(isWeak_ && flags == kStrongDefinition)) {
+  if (flags != 0 && (!isWeak_ || flags != kStrongDefinition)) {
     refuse("%s: imports %.*s with the flags %#x", image_.path, static_cast<int>(symbol.size()), symbol.data(), flags);
   }
   symbol_ = symbol;

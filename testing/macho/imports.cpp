@@ -83,7 +83,7 @@ const Import kSystem[] = {
     {"__DefaultRuneLocale", kUnreadable},
     {"___bzero", addressOf(zeroMemory)},
     {"___error", addressOf(addressOfError)},
-    {"___stderrp", &stderr},
+    {"___stderrp", static_cast<const void*>(&stderr)},
     {"_abort", addressOf(abort)},
     {"_aligned_alloc", WITH_ERROR(aligned_alloc)},
     {"_atoi", addressOf(atoi)},

@@ -25,7 +25,7 @@ namespace {
 FunctionsAreBound whenFunctionsAreBound(std::string_view word) {
   if (word == "lazily") return FunctionsAreBound::kWhenCalled;
   if (word == "eagerly") return FunctionsAreBound::kAtLaunch;
-  refuse("functions are bound lazily or eagerly, not %s", word.data());
+  refuse("functions are bound lazily or eagerly, not %.*s", static_cast<int>(word.size()), word.data());
 }
 
 using EntryPoint = int(int argumentCount, char** arguments, char** environment, const char** fromKernel);

@@ -24,7 +24,7 @@ auto call(Arguments... arguments) {
   const int before = errno;
   errno = 0;
   const auto result = function(arguments...);
-  if (errno != 0) systemError = translateError(errno);
+  if (errno != 0) systemError = translateError(errno);  // NOLINT(clang-analyzer-unix.Errno): 0 after a success
   errno = before;
   return result;
 }
