@@ -1,12 +1,9 @@
 #include "testing/recording_curl.h"
 
-#include <array>
 #include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 #include <deque>
 #include <limits>
-#include <set>
 
 #include "net/web_request.h"
 #include "testing/failing_allocation.h"
@@ -26,9 +23,8 @@ struct Recording {
   std::vector<Call> calls;
   int initialisations = 0;
   int handles = 0;
-  std::set<const curl_slist*> lists;
-  std::deque<curl_slist> listEntries;  // those of released lists, too
-  std::deque<std::string> lines;
+  std::deque<curl_slist> everyList;                    // released ones, too
+  std::map<const curl_slist*, std::string> listLines;  // of those alive, as they are recorded
   std::size_t appends = 0;
   std::map<CURLoption, long> numbers;  // options set
   std::map<CURLoption, void*> objects;
@@ -76,16 +72,15 @@ std::string nameOf(Function function) {
 std::string escaped(char byte) {
   if (byte == '"' || byte == '\\') return {'\\', byte};
   if (' ' <= byte && byte <= '~') return {byte};
-  std::array<char, 5> text;
-  std::snprintf(text.data(), text.size(), "\\x%02X", static_cast<unsigned int>(static_cast<unsigned char>(byte)));
-  return text.data();
+  constexpr std::string_view kDigits = "0123456789ABCDEF";
+  const auto value = static_cast<unsigned char>(byte);
+  return {'\\', 'x', kDigits[value / 16], kDigits[value % 16]};
 }
 
 std::string describe(const curl_slist* list) {
-  if (list != nullptr && recording.lists.count(list) == 0) return "(no such list)";
-  std::string lines;
-  for (; list != nullptr; list = list->next) lines += (lines.empty() ? "" : ", ") + inQuotes(list->data);
-  return "[" + lines + "]";
+  if (list == nullptr) return "[]";
+  const auto found = recording.listLines.find(list);
+  return found == recording.listLines.end() ? "(no such list)" : "[" + found->second + "]";
 }
 
 std::string describe(CURLoption option, const void* value) {
@@ -150,16 +145,13 @@ bool reportProgress() {
   return result == 0;
 }
 
-curl_slist* addEntry(curl_slist* list, const char* line) {
-  curl_slist& entry =
-      recording.listEntries.emplace_back(curl_slist{recording.lines.emplace_back(line).data(), nullptr});
+curl_slist* addLine(curl_slist* list, const char* line) {
   if (list == nullptr) {
-    recording.lists.insert(&entry);
-    return &entry;
+    list = &recording.everyList.emplace_back();
+    recording.listLines[list] = inQuotes(line);
+  } else if (recording.listLines.count(list) != 0) {
+    recording.listLines[list] += ", " + inQuotes(line);
   }
-  curl_slist* last = list;
-  while (last->next != nullptr) last = last->next;
-  last->next = &entry;
   return list;
 }
 
@@ -189,7 +181,7 @@ std::string RecordingCurl::callsBeforeAllocation(std::size_t index) const {
 }
 
 std::string RecordingCurl::unreleased() const {
-  return "handles " + std::to_string(recording.handles) + ", lists " + std::to_string(recording.lists.size()) +
+  return "handles " + std::to_string(recording.handles) + ", lists " + std::to_string(recording.listLines.size()) +
          ", initialisations " + std::to_string(recording.initialisations);
 }
 
@@ -258,13 +250,13 @@ void(curl_easy_cleanup)(CURL* handle) {
 curl_slist*(curl_slist_append)(curl_slist* list, const char* line) {
   const UncountedAllocations uncounted;
   record("slist_append " + describe(list) + " " + inQuotes(line));
-  return ++recording.appends == answers->failingAppend ? nullptr : addEntry(list, line);
+  return ++recording.appends == answers->failingAppend ? nullptr : addLine(list, line);
 }
 
 void(curl_slist_free_all)(curl_slist* list) {
   const UncountedAllocations uncounted;
   record("slist_free_all " + describe(list));
-  recording.lists.erase(list);
+  recording.listLines.erase(list);
 }
 
 }  // extern "C"
