@@ -20,7 +20,7 @@ LINKED = BUILD / "webreq_failing_malloc"
 PAGE = bytes(range(256)) * 400  # libcurl delivers it in several chunks
 
 # How many allocations a run makes at least, of those that are let fail.
-FEWEST = 50 if IS_STATIC else 60 if TRANSLATOR else 100
+FEWEST = 60 if TRANSLATOR else 100
 
 # What is left of a run in which libcurl crashes, and the allocations that have to fail for it, by their size: libcurl
 # 7.54.0 gives out a handle without its receive buffer when that one has failed, and writes to it.
