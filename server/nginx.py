@@ -150,7 +150,8 @@ def run(command):
 
 def main(command):
     """Runs the command beside a server, without one serves the examples. Returns what sys.exit() takes."""
-    signal.signal(signal.SIGTERM, signal.default_int_handler)
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, signal.default_int_handler)
     try:
         return run(command) if command else serve()
     except OSError as error:
