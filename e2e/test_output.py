@@ -123,7 +123,7 @@ def test_result_line_comes_before_the_file_is_touched(tool, tmp_path, url):
 
 
 def test_result_line_comes_before_the_body_is_taken(tool, large_url):
-    """The body doesn't fit into the pipe: had it to be taken whole, the line would not be there yet."""
+    """The body doesn't fit into the pipe: were it written first, the line would not be there yet."""
     with start(tool, large_url) as process:
         assert process.stdout.readline() == b"200\n"
         process.stdout.close()

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# fan-out.sh URL [REQUESTS [PROCESSES]]: performs that many requests (1000), that many at a time (8), with "?n=1", "?n=2",
-# … appended to the URL. Prints how often each result came and how many requests were performed a second.
+# fan-out.sh URL [REQUESTS [PROCESSES]]: performs that many requests (1000), that many at a time (8), with "?n=1",
+# "?n=2", … appended to the URL. Prints how often each result came and how many requests were performed a second.
 # The bodies go into files: on one standard output they would get mixed up.
 set -euo pipefail
 export LC_ALL=C # seconds have a decimal point
