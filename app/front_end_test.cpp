@@ -53,7 +53,7 @@ int callWithOutput(const Descriptor& output, const Arguments& arguments) {
   return call(arguments);
 }
 
-// Its standard output and standard error; what arrives at the latter is a failure.
+// A run's status and standard output. Anything on standard error is a failure.
 struct Outcome {
   int status;
   std::string output;

@@ -17,7 +17,7 @@ request_all() {
 }
 
 TIMEFORMAT=%R
-exec 3>&2 # time reports on standard error, where what xargs says belongs, too
+exec 3>&2 # time reports on standard error, where messages of xargs belong, too
 seconds=$({ time request_all 2>&3; } 2>&1)
 sort "$folder/results" | uniq -c
 awk "BEGIN { printf \"%.0f requests a second\n\", $requests / $seconds }"
