@@ -12,9 +12,10 @@ string(REPLACE arm64 aarch64 target ${MACOS_SLICE}-macos.${oldest})
 
 set(CMAKE_CXX_COMPILER ${ZIG} c++)
 set(CMAKE_CXX_COMPILER_TARGET ${target})
-find_program(CMAKE_INSTALL_NAME_TOOL NAMES llvm-install-name-tool llvm-install-name-tool-14 REQUIRED)
-find_program(CMAKE_AR NAMES llvm-ar llvm-ar-14 REQUIRED)
-find_program(CMAKE_RANLIB NAMES llvm-ranlib llvm-ranlib-14 REQUIRED)
+execute_process(COMMAND llvm-config --bindir OUTPUT_VARIABLE llvm OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+find_program(CMAKE_INSTALL_NAME_TOOL llvm-install-name-tool HINTS ${llvm} REQUIRED)
+find_program(CMAKE_AR llvm-ar HINTS ${llvm} REQUIRED)
+find_program(CMAKE_RANLIB llvm-ranlib HINTS ${llvm} REQUIRED)
 
 # Not zig's own linker: its arm64 executables crash where imports are bound lazily, as up to macOS 11. Nor just any of
 # LLVM's: 14 loses the unwind information's personality functions. Debian 12 and 13 both have 19.
