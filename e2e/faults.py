@@ -1,7 +1,7 @@
 """Every allocation of a whole run fails in turn, alone and with all that follow. Run it by "scripts/check faults".
 
-build/<preset>/failing_malloc.so, preloaded, makes them fail from the beginning of main on: in the tool itself and in all
-libraries that it calls. Of a static build there is an executable that was linked with it.
+build/<preset>/failing_malloc.so, preloaded, makes them fail from the beginning of main on: in the tool itself and in
+all libraries that it calls. A static build has a second executable, linked with it.
 """
 
 import concurrent.futures
@@ -19,11 +19,11 @@ from nginx import Nginx
 LINKED = BUILD / "webreq_failing_malloc"
 PAGE = bytes(range(256)) * 400  # libcurl delivers it in several chunks
 
-# How many allocations a run makes at least, of those that are let fail.
+# A run makes at least so many allocations that can be made to fail.
 FEWEST = 60 if TRANSLATOR else 100
 
-# What is left of a run in which libcurl crashes, and the allocations that have to fail for it, by their size: libcurl
-# 7.54.0 gives out a handle without its receive buffer when that one has failed, and writes to it.
+# What a run in which libcurl crashes leaves, and the sizes of the allocations whose failure does that: libcurl 7.54.0
+# gives out a handle without a receive buffer when it can't allocate one, and writes to the buffer all the same.
 CRASH = Answer(b"", status=-signal.SIGSEGV)
 FATAL_SIZES = [16_385] if libcurl.answer("no receive buffer, but a handle") else []
 
@@ -49,13 +49,13 @@ def run_with_failures(tool, first, last, arguments):
 
 
 def list_numbers():
-    """Every allocation, without end; of a translated tool, which takes its time, the first 60 and every hundredth."""
+    """All allocations, without end; of a translated tool, which is slow, the first 60 and then every hundredth."""
     return itertools.count(1) if TRANSLATOR is None else itertools.chain(range(1, 61), itertools.count(100, 100))
 
 
 def fail_each(tool, alone, arguments, check):
-    """Lets allocation after allocation fail until a run gets by without; `check` takes each answer and the run's number.
-    Prints and returns how many failed."""
+    """Lets one allocation after the other fail until a run has none left to fail; `check` takes each answer and the
+    run's number. Prints and returns how many failed."""
 
     fatal_sizes = []
 
