@@ -83,11 +83,22 @@ def numbers(text):
 @functools.cache
 def version():
     """That of the libcurl that a run of the tool has loaded, or that is a part of it: three numbers."""
-    found = set(re.findall(rb"libcurl/(\d+\.\d+\.\d+)", _what_a_run_says()))
+    found = _versions("libcurl")
     assert len(found) == 1, f"of {WEBREQ} the versions of libcurl are {found}"
-    return numbers(found.pop().decode())
+    return found.pop()
 
 
+@functools.cache
+def openssl_version():
+    """That of the OpenSSL that libcurl uses: three numbers, 0.0.0 if it uses another library."""
+    return max(_versions("OpenSSL"), default=(0, 0, 0))
+
+
+def _versions(name):
+    return {numbers(found.decode()) for found in re.findall(rb"%s/(\d+\.\d+\.\d+)" % name.encode(), _what_a_run_says())}
+
+
+@functools.cache
 def _what_a_run_says():
     if not pathlib.Path("/proc/self/maps").exists():  # on macOS the curl command has the system's libcurl, as the tool
         return subprocess.run(["/usr/bin/curl", "--version"], stdout=subprocess.PIPE, check=True).stdout
