@@ -47,13 +47,13 @@ int call(Arguments arguments) {
   return runCommandLine(static_cast<int>(arguments.size()), arguments.data());
 }
 
-// With standard output going elsewhere.
+// With standard output redirected.
 int callWithOutput(const Descriptor& output, const Arguments& arguments) {
   const Redirection standardOutput(STDOUT_FILENO, output);
   return call(arguments);
 }
 
-// Its standard output and standard error; what arrives at the latter is a failure.
+// A run's status and standard output. Anything on standard error is a failure.
 struct Outcome {
   int status;
   std::string output;
@@ -102,7 +102,7 @@ std::string join(const Lines& lines) {
   return text;
 }
 
-// Those recorded calls that set an option.
+// The recorded calls that set an option.
 std::string callsToSet(const char* option, const RecordingCurl& curl) {
   std::istringstream calls(curl.calls());
   std::string found;

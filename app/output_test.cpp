@@ -60,7 +60,7 @@ const struct {
     {"a long text is written", makeLongText()},
 };
 
-// With standard output going elsewhere.
+// With standard output redirected.
 bool writeTo(const Descriptor& output, std::string_view bytes) {
   const Redirection standardOutput(STDOUT_FILENO, output);
   return writeToStandardOutput(bytes);

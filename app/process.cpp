@@ -10,8 +10,8 @@ namespace webreq {
 
 namespace {
 
-// Opens it for reading and writing; where there are no devices, the root folder, to which nothing can be written
-// either.
+// Opens /dev/null for reading and writing; where there are no devices, the root folder, to which nothing can be
+// written either.
 void occupyLowestDescriptor() {
   if (open("/dev/null", O_RDWR) == -1) open("/", O_RDONLY);
 }

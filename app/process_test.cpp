@@ -1,4 +1,4 @@
-#undef _FORTIFY_SOURCE  // with it <fcntl.h> has a body for open()
+#undef _FORTIFY_SOURCE  // which would have <fcntl.h> define open()
 
 #include "app/process.h"
 

@@ -62,7 +62,7 @@ std::size_t addressSpaceInUse() {
   return pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
 }
 
-// While it lives, the process can't have that many bytes of address space more.
+// While it lives, the process can't get more than that many further bytes of address space.
 class AddressSpaceLimit {
  public:
   explicit AddressSpaceLimit(std::size_t further) {
@@ -78,7 +78,7 @@ class AddressSpaceLimit {
   rlimit former_ = {};
 };
 
-// It takes 1 GiB, but not from a body of 2 GiB nor from libcurl.
+// It takes 1 GiB, but never what a body of 2 GiB, or libcurl, needs.
 TEST(ReserveResponse, TakesNoScarceAddressSpace) {
   const struct {
     std::size_t mebibytes;

@@ -47,7 +47,7 @@ class Row:
         """Has hyperfine time some runs, without a shell between, and checks what the last of them answered."""
         output, report = folder / "output", folder / "report"
         if self.file:
-            self.file[1].unlink(missing_ok=True)  # so that no other row's is taken for this one's
+            self.file[1].unlink(missing_ok=True)  # so that no other row's body is taken for this one's
         hyperfine = ["hyperfine", "-N", "-w", "1", "-r", str(runs), "--style", "none"]
         subprocess.run(
             [*hyperfine, "--output", output, "--export-json", report, self.command],
@@ -140,7 +140,7 @@ def parallel_rows(url, page, count, runs):
 
 
 def header_rows(url, size):
-    """Header fields of 256 bytes each, the server answers with the last one's value."""
+    """Header fields of 256 bytes each; the server answers with the value of the one after them."""
     fields = ("A:" + "x" * 253 + "\r") * (size // 256) + "X-Demo: last"
     answer = b"200\nHTTP/1.1 GET /echo\nUser-Agent: \nX-Demo: last\n\n"
     return [Row(tool.parent.name, webreq(tool, url, "|||" + fields), answer) for tool in (RELEASE, STATIC)]

@@ -23,7 +23,7 @@ foreach(library IN ITEMS curl aws-lc c-ares nghttp2)
 endforeach()
 add_compile_options(-ffunction-sections -fdata-sections)  # for the linker to leave out what nothing calls
 
-# What follows is in functions, because the variables are the libraries' alone.
+# What follows is in functions, so that the variables affect these libraries alone.
 set(CMAKE_POLICY_DEFAULT_CMP0077 NEW)  # plain variables set options,
 set(CMAKE_POLICY_DEFAULT_CMP0126 NEW)  # and those of more than two states
 

@@ -75,7 +75,7 @@ add_library(test_support OBJECT
   testing/descriptors.cpp testing/failing_allocation.cpp testing/interruptions.cpp testing/recording_curl.cpp)
 target_link_libraries(test_support PUBLIC reqkit GTest::gtest PRIVATE compiler_options)
 
-# The test of what one source file of the library holds: add_unit_test(folder name library)
+# The unit tests of one source file: add_unit_test(folder name library)
 function(add_unit_test folder name library)
   add_executable(${name}_test ${folder}/${name}_test.cpp)
   target_link_libraries(${name}_test PRIVATE test_support ${library} compiler_options GTest::gtest_main)

@@ -23,7 +23,7 @@ WEBREQ = os.path.abspath(os.environ.get("WEBREQ", REPOSITORY / "build/release/we
 BUILD = pathlib.Path(WEBREQ).parent
 EXECUTABLE = BUILD / "webreq"
 
-IS_SANITIZED = BUILD.name == "asan"  # many of which need seconds to start side by side
+IS_SANITIZED = BUILD.name == "asan"  # such tools need seconds to start when many start at once
 IS_STATIC = BUILD.name.startswith("static")  # nothing can be preloaded into it
 
 MEMORY = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES")  # bytes
@@ -40,7 +40,7 @@ def impossible_under_translator(reason):
 
 
 def preloading(name):
-    """Environment variables that have the loader preload the build's NAME.so. A path in LD_PRELOAD can't hold blanks."""
+    """Environment variables that make the loader preload the build's NAME.so. LD_PRELOAD takes no path with blanks."""
     folders = [str(BUILD), os.environ.get("LD_LIBRARY_PATH")]
     return {"LD_PRELOAD": f"{name}.so", "LD_LIBRARY_PATH": ":".join(filter(None, folders))}
 

@@ -1,7 +1,7 @@
 """Every allocation of a whole run fails in turn, alone and with all that follow. Run it by "scripts/check faults".
 
-build/<preset>/failing_malloc.so, preloaded, makes them fail from the beginning of main on: in the tool itself and in all
-libraries that it calls. Of a static build there is an executable that was linked with it.
+build/<preset>/failing_malloc.so, preloaded, makes them fail from the beginning of main on: in the tool itself and in
+all libraries that it calls. A static build has a second executable, linked with it.
 """
 
 import concurrent.futures
@@ -20,12 +20,12 @@ from nginx import Nginx
 LINKED = BUILD / "webreq_failing_malloc"
 PAGE = bytes(range(256)) * 400  # libcurl delivers it in several chunks
 
-# How many allocations a run makes at least, of those that are let fail.
+# A run makes at least so many allocations that can be made to fail.
 FEWEST = 60 if TRANSLATOR else 100
 
-# The failures that cost the answer: how the run ends, and the size of what can't be had. None is the tool's. libcurl 7.54.0
-# gives out a handle without its receive buffer, if nothing else is lacking, and writes to it. OpenSSL 3.5 has to report
-# that one of its first two locks is lacking, for which it waits for them, and gives up without a thread's data.
+# The failures that cost the answer: how the run ends, and the size of the allocation. None is the tool's. libcurl 7.54.0
+# gives out a handle without a receive buffer when it can't allocate one, and writes to the buffer all the same. OpenSSL
+# 3.5 reports that it lacks one of its first two locks, for which it waits for them; without a thread's data it aborts.
 OF_LIBCURL = [("crash", 16_385)] if libcurl.answer("no receive buffer, but a handle") else []
 OF_OPENSSL = [("hang", 56), ("hang", 56), ("abort", 240)] if libcurl.openssl_version() >= (3, 5, 0) else []
 
@@ -39,7 +39,7 @@ def serve_page(tmp_path_factory):
 
 
 def run_with_failures(tool, first, last, arguments):
-    """Returns the answer, None if there is no end to the run, and the size of allocation `first`, None if it made fewer."""
+    """Returns the answer, None if the run hangs, and the size of allocation `first`, None if the run made fewer."""
     reader, writer = os.pipe()
     failures = {"FAIL_FIRST": str(first), "FAIL_LAST": str(last), "FAIL_REPORT": str(writer)}
     environment = {**ENVIRONMENT, **preloading("failing_malloc"), **failures}
@@ -55,7 +55,7 @@ def run_with_failures(tool, first, last, arguments):
 
 
 def list_numbers():
-    """Every allocation, without end; of a translated tool, which takes its time, the first 60 and every hundredth."""
+    """All allocations, without end; of a translated tool, which is slow, the first 60 and then every hundredth."""
     return itertools.count(1) if TRANSLATOR is None else itertools.chain(range(1, 61), itertools.count(100, 100))
 
 
@@ -71,8 +71,8 @@ def end_without_answer(answer):
 
 
 def fail_each(tool, alone, arguments, check):
-    """Lets allocation after allocation fail until a run gets by without; `check` takes each answer and the run's number.
-    Prints and returns how many failed."""
+    """Lets one allocation after the other fail until a run has none left to fail; `check` takes each answer and the
+    run's number. Prints and returns how many failed."""
 
     def run(number):
         answer, size = run_with_failures(tool, number, number if alone else 10**9, arguments(number))
@@ -92,7 +92,7 @@ def fail_each(tool, alone, arguments, check):
 
 
 def check_ends(failed, alone):
-    """When all that follow fail, too, the failures before that one end the run in the same way: only the last counts."""
+    """Where all that follow fail, too, the failures before an abort's end in it as well: only the last one counts."""
     ends = [(end, size) for end, size in failed if end]
     if not alone:
         ends = [end for end, later in itertools.zip_longest(ends, ends[1:]) if end[0] != "abort" or later is None]

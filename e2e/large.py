@@ -23,7 +23,7 @@ def folder():
 
 @pytest.fixture(scope="module", params=[1, 3], ids=["1 GiB", "3 GiB"])
 def digests(request, folder):
-    """Those of a body that is being served and of the answer that holds it."""
+    """The digests of the body that is served, and of the tool's whole output when it prints that body."""
     body, answer = hashlib.sha1(), hashlib.sha1(b"200\n")
     with open(folder / "body", "wb") as file:
         for _ in range(request.param * 1024):

@@ -13,8 +13,8 @@ import subprocess
 
 from conftest import ENVIRONMENT, TRANSLATOR, WEBREQ
 
-# What the tool prints (but where another thing is named), by the first version from which on it does. Later versions than the last one print the same.
-# 7.88.1 is Debian 12's, which has the limit on all headers of 8.3.0.
+# What the tool prints, unless the comment says otherwise, each from the named version up to the next one. 7.88.1 is
+# Debian 12's, which has 8.3.0's limit on the headers as a whole.
 ANSWERS = {
     # The protocol of a request over TLS, as nginx names it.
     "protocol over TLS": {"7.54.0": b"HTTP/1.1", "7.62.0": b"HTTP/2.0"},
@@ -24,13 +24,13 @@ ANSWERS = {
     "space in the path": {"7.54.0": b"200\nok\n", "7.79.1": b"3\n"},
     "nonsense://127.0.0.1/": {"7.54.0": b"1\n", "7.64.1": b"6\n", "7.65.1": b"1\n"},
     "file:// on a folder": {"7.54.0": b"0\n", "7.75.0": b"36\n", "7.79.1": b"0\n", "8.8.0": b"0\nfile\n\n"},
-    # Redirects: until 7.65.2 they lead to other schemes than HTTP and FTP, too.
+    # Redirects: before 7.65.2 they also lead to schemes other than HTTP and FTP.
     "redirect to gopher": {"7.54.0": b"7\n", "7.65.2": b"1\n"},
     "endless redirects": {"7.54.0": b"28\n", "7.88.1": b"56\n", "8.0.0": b"28\n", "8.3.0": b"47\n"},
     # Proxies: over TLS, certified by the system's authorities; one that refuses a tunnel.
     "trusted proxy": {"7.54.0": b"60\n", "7.64.0": b"200\nok\n"},
     "refused tunnel": {"7.54.0": b"56\n", "8.20.0": b"7\n"},
-    # Answers that aren't HTTP: until 7.66 they are bodies without a status.
+    # Answers that aren't HTTP: before 7.66 they are bodies without a status.
     "garbage": {"7.54.0": b"0\nThis is no HTTP.\r\n\r\n\n", "7.66.0": b"1\n"},
     "TLS where HTTP is expected": {"7.54.0": b"0\n\x15\x03\x03\0\x02\x02\x28\n", "7.66.0": b"1\n"},
     "unknown version": {"7.54.0": b"200\nabcd\n", "7.79.1": b"1\n"},
@@ -43,10 +43,10 @@ ANSWERS = {
     "too long header line": {"7.54.0": b"27\n", "8.6.0": b"100\n"},
     "5000 header lines": {"7.54.0": b"200\nok\n", "8.14.1": b"100\n"},
     "endless headers": {"7.54.0": b"28\n", "7.88.1": b"56\n", "8.0.0": b"28\n", "8.3.0": b"56\n", "8.14.1": b"100\n"},
-    # Without memory for its receive buffer: does it give out a handle that crashes?
+    # No memory for its receive buffer: does it give out a handle all the same, and crash?
     "no receive buffer, but a handle": {"7.54.0": True, "7.55.0": False},
-    # A negative TIMEOUT and a server that is silent: refused, so that libcurl's own 300 seconds for connecting are in
-    # force, or taken for one of 2^32 seconds less that many, which nobody waits for (None).
+    # A negative TIMEOUT and a silent server: libcurl refuses the number, so that its own 300 seconds for connecting are
+    # in force, or waits 2^32 seconds less that many, for which no test waits (None).
     "negative time-out": {"7.54.0": None, "7.57.0": b"28\n", "8.15.0": None},
     # A resolver that takes longer than the time-out: is it waited for?
     "hanging resolver": {"7.54.0": False, "7.62.0": True},
@@ -71,7 +71,7 @@ ANSWERS = {
 
 
 def answer(name):
-    """The one of ANSWERS that the tool's libcurl gives."""
+    """What the tool's libcurl does, out of ANSWERS."""
     since = ANSWERS[name]
     return since[max((first for first in since if numbers(first) <= version()), key=numbers)]
 
@@ -82,7 +82,7 @@ def numbers(text):
 
 @functools.cache
 def version():
-    """That of the libcurl that a run of the tool has loaded, or that is a part of it: three numbers."""
+    """The version, three numbers, of the libcurl that the tool loads or contains."""
     found = _versions("libcurl")
     assert len(found) == 1, f"of {WEBREQ} the versions of libcurl are {found}"
     return found.pop()
@@ -90,17 +90,18 @@ def version():
 
 @functools.cache
 def openssl_version():
-    """That of the OpenSSL that libcurl uses: three numbers, 0.0.0 if it uses another library."""
+    """The version of the OpenSSL that libcurl uses; 0.0.0 if it uses another library."""
     return max(_versions("OpenSSL"), default=(0, 0, 0))
 
 
 def _versions(name):
-    return {numbers(found.decode()) for found in re.findall(rb"%s/(\d+\.\d+\.\d+)" % name.encode(), _what_a_run_says())}
+    found = re.findall(rf"{name}/(\d+\.\d+\.\d+)".encode(), _what_a_run_says())
+    return {numbers(text.decode()) for text in found}
 
 
 @functools.cache
 def _what_a_run_says():
-    if not pathlib.Path("/proc/self/maps").exists():  # on macOS the curl command has the system's libcurl, as the tool
+    if not pathlib.Path("/proc/self/maps").exists():  # on macOS the curl command uses the system's, as the tool does
         return subprocess.run(["/usr/bin/curl", "--version"], stdout=subprocess.PIPE, check=True).stdout
     with socket.create_server(("127.0.0.1", 0)) as listener:
         listener.settimeout(60)
@@ -119,7 +120,7 @@ def _mapped_files(process):
 
 
 def _what_a_file_says(path):
-    """A shared libcurl's own word; of any other file, and of a libcurl for another processor, the contents."""
+    """What a shared libcurl says of itself; any other file's contents, and those of a libcurl for another processor."""
     if TRANSLATOR or not path.name.startswith("libcurl"):
         return path.read_bytes()
     library = ctypes.CDLL(path)

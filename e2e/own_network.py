@@ -39,8 +39,8 @@ def run(command, folder, serve, **options):
 
 
 def listen():
-    """Name servers on 127.0.0.1 and 127.0.0.2, UDP and TCP; web servers on port 80 of 127.0.0.1 and ::1. On port 81 ::1
-    doesn't answer a connection, on port 82 127.0.0.1 doesn't."""
+    """Name servers on 127.0.0.1 and 127.0.0.2, UDP and TCP; web servers on port 80 of 127.0.0.1 and ::1. Connections
+    are not answered at port 81 of ::1, nor at port 82 of 127.0.0.1."""
     sockets = []
     for address in ("127.0.0.1", "127.0.0.2"):
         sockets.append(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))

@@ -57,7 +57,7 @@ class ScriptedServer:
             try:
                 self._play(next(scripts, []), self._secure(connection))
             except OSError:
-                pass  # the peer left, which its own results tell
+                pass  # the peer left, as its own results tell
 
     def _secure(self, connection):
         return self._tls_context.wrap_socket(connection, server_side=True) if self._tls_context else connection

@@ -56,8 +56,8 @@ def test_stack_is_protected(symbols):
     "option", ["-D_FORTIFY_SOURCE=3", "-fPI", "-fstack-clash-protection", "-fstack-protector-strong"]
 )
 def test_every_file_is_compiled_with(option):
-    """The libraries' of a static build as well. No frame of the tool's own is large enough for its machine code to show
-    all of these."""
+    """Those of the libraries in a static build as well. The commands tell, since no frame of the tool's own is large
+    enough for its machine code to show all of these."""
     commands = json.loads((BUILD / "compile_commands.json").read_text())
     assert [entry["file"] for entry in commands if option not in entry["command"]] == []
 

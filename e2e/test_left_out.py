@@ -1,5 +1,5 @@
-"""What libcurl can do and no request asks for: a build that leaves it out answers as one that has it. And the few things
-that the static executable can't do."""
+"""What libcurl can do and no request asks for: a build that leaves it out answers like one that has it. And the few
+things that the static executable can't do."""
 
 import gzip
 import zlib

@@ -123,7 +123,7 @@ def test_result_line_comes_before_the_file_is_touched(tool, tmp_path, url):
 
 
 def test_result_line_comes_before_the_body_is_taken(tool, large_url):
-    """The body doesn't fit into the pipe: had it to be taken whole, the line would not be there yet."""
+    """The body doesn't fit into the pipe: were it written first, the line would not be there yet."""
     with start(tool, large_url) as process:
         assert process.stdout.readline() == b"200\n"
         process.stdout.close()
@@ -132,7 +132,7 @@ def test_result_line_comes_before_the_body_is_taken(tool, large_url):
 
 @pytest.mark.parametrize("closed", [(0,), (1,), (2,), (0, 1), (1, 2), (0, 2), (0, 1, 2)])
 def test_closed_standard_descriptors(tool, tmp_path, serve, closed):
-    """No answer goes anywhere but where it belongs; which descriptors are open by then is the unit tests' matter."""
+    """No answer goes anywhere but where it belongs; unit tests see to which descriptors are open by then."""
     server = serve(reply(200, BODY))
     redirections = " ".join(f"{descriptor}>&-" for descriptor in closed)
     command = ["sh", "-c", f'exec "$@" {redirections}', "sh", tool.path, "-web", f"{server.url}||||||out.txt"]

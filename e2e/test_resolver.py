@@ -151,8 +151,8 @@ def make_server(kind, opened, handle):
 
 @pytest.fixture
 def request_by_name(tmp_path):
-    """Performs a request where name servers give `answers`; returns the answer, the seconds and the queries. `files` are
-    those of /etc; `command` runs the tool."""
+    """Performs a request where name servers give `answers`; returns the answer, the seconds it took and the queries.
+    `files` are those of /etc; `command` runs the tool."""
 
     def request(description, *answers, command=(WEBREQ,), **files):
         folder = tmp_path / "etc"
@@ -246,9 +246,9 @@ def test_name_in_etc_hosts(request_by_name, name_server):
     [
         (["A 127.0.0.1"], 80, b"127.0.0.1"),
         (["AAAA ::1"], 80, b"::1"),
-        (["A 127.0.0.1", "AAAA ::1"], 81, b"127.0.0.1"),  # where the other one doesn't answer a connection
+        (["A 127.0.0.1", "AAAA ::1"], 81, b"127.0.0.1"),  # where the other one doesn't answer connections
         (["A 127.0.0.1", "AAAA ::1"], 82, b"::1"),
-        (["A 127.0.0.9", "AAAA ::1"], 80, b"::1"),  # where the other one refuses it
+        (["A 127.0.0.9", "AAAA ::1"], 80, b"::1"),  # where the other one refuses them
         (["A 127.0.0.9", "A 127.0.0.1"], 80, b"127.0.0.1"),
     ],
 )

@@ -70,7 +70,7 @@ def test_slow_answer_within_the_time_out(tool, serve):
 
 @pytest.mark.skipif(sys.platform != "linux" or IS_STATIC, reason="preloads a library")
 def test_resolver_that_hangs_for_4_seconds(tool):
-    """The result is a time-out's, but from some version on libcurl waits for its resolver's thread until it gives up."""
+    """The result is a time-out's, but newer versions of libcurl wait until their resolver's thread gives up."""
     environment = {**ENVIRONMENT, **preloading("hanging_resolver"), "ASAN_OPTIONS": "verify_asan_link_order=0"}
     with timed(at_least=4) if libcurl.answer("hanging resolver") else timed(at_least=1, below=4):
         assert tool.request("http://host.invalid/|||||999", env=environment) == Answer(b"28\n")

@@ -13,7 +13,7 @@ NOT_YET_VALID, EXPIRED, SELF_SIGNED, HOST_NAME_MISMATCH = 9, 10, 18, 62
 
 
 def reason_to_refuse(port, trusted):
-    """OpenSSL's code of what a verifying client that trusts this certificate file has against the server, or None."""
+    """Why a verifying client that trusts this certificate file refuses the server: OpenSSL's code, or None."""
     context = ssl.create_default_context(cafile=trusted)
     with socket.create_connection(("127.0.0.1", port)) as connection:
         try:
@@ -25,7 +25,7 @@ def reason_to_refuse(port, trusted):
 
 @pytest.fixture
 def check(tool, serve):
-    """Lets a verifying client and the tool meet a server; returns what the client has against it."""
+    """Has a verifying client and the tool ask a server; returns the client's reason to refuse it."""
 
     def serve_and_request(certificate, trusted):
         server = serve([], reply(200, b"body"), tls_context=certificate.server_context)

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# fan-out.sh URL [REQUESTS [PROCESSES]]: performs that many requests (1000), that many at a time (8), with "?n=1", "?n=2",
-# … appended to the URL. Prints how often each result came and how many requests were performed a second.
+# fan-out.sh URL [REQUESTS [PROCESSES]]: performs that many requests (1000), that many at a time (8), with "?n=1",
+# "?n=2", … appended to the URL. Prints how often each result came and how many requests were performed a second.
 # The bodies go into files: on one standard output they would get mixed up.
 set -euo pipefail
 export LC_ALL=C # seconds have a decimal point
@@ -17,7 +17,7 @@ request_all() {
 }
 
 TIMEFORMAT=%R
-exec 3>&2 # time reports on standard error, where what xargs says belongs, too
+exec 3>&2 # time reports on standard error, where messages of xargs belong, too
 seconds=$({ time request_all 2>&3; } 2>&1)
 sort "$folder/results" | uniq -c
 awk "BEGIN { printf \"%.0f requests a second\n\", $requests / $seconds }"

@@ -20,7 +20,7 @@ SITE = pathlib.Path(__file__).resolve().parent / "site"
 # Where the examples of README and manual page have it.
 HTTP_PORT, HTTPS_PORT = 8080, 8443
 
-# nginx would take some letters of a path for its own: all paths are relative to the folder that it runs in.
+# Some characters of a path would mean something to nginx: all paths are relative to the folder that it runs in.
 CONFIGURATION = """
 daemon off;
 user "{user}" "{group}";
@@ -96,7 +96,7 @@ class Nginx:
         self.http_url, self.https_url = (f"{scheme}://127.0.0.1:{p}" for scheme, p in zip(("http", "https"), ports))
         self._write_files(*ports)
         for listener in listeners:
-            listener.setblocking(False)  # as nginx's own: a worker that another is faster than would wait for the next
+            listener.setblocking(False)  # as nginx's own: a worker that comes too late would wait for the next
         descriptors = [listener.fileno() for listener in listeners]
         self._process = subprocess.Popen(
             [PROGRAM, "-p", ".", "-c", "nginx.conf", "-e", "error.log"],
@@ -123,7 +123,7 @@ class Nginx:
         )
 
     def _await_answer(self):
-        """The sockets are open until nginx answers or ends."""
+        """A request waits in the listening socket until nginx answers it or ends."""
         connection = http.client.HTTPConnection(self.http_url.removeprefix("http://"), timeout=60)
         try:
             connection.request("GET", "/empty")
@@ -149,8 +149,9 @@ def run(command):
 
 
 def main(command):
-    """Runs the command beside a server, without one serves the examples. Returns what sys.exit() takes."""
-    signal.signal(signal.SIGTERM, signal.default_int_handler)
+    """Runs the command beside a server; without a command serves the examples. Returns what sys.exit() takes."""
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, signal.default_int_handler)
     try:
         return run(command) if command else serve()
     except OSError as error:

@@ -16,7 +16,7 @@ volatile std::sig_atomic_t deliveredEnd = -1;
 
 void reportDelivery(int /*signal*/) {
   const int savedError = errno;
-  const ssize_t written = write(deliveredEnd, "", 1);  // a full pipe can do without
+  const ssize_t written = write(deliveredEnd, "", 1);  // where the pipe is full, one byte less does no harm
   static_cast<void>(written);
   errno = savedError;
 }

@@ -185,7 +185,7 @@ std::string RecordingCurl::unreleased() const {
          ", initialisations " + std::to_string(recording.initialisations);
 }
 
-// libcurl has its variable arguments behind an enumeration, which clang holds against us.
+// libcurl's variable arguments follow one that is an enumeration, of which clang warns.
 #pragma GCC diagnostic ignored "-Wvarargs"
 
 extern "C" {  // names in parentheses, since <curl/curl.h> also has some of them as macros

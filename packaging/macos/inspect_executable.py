@@ -103,7 +103,7 @@ def find_import_problems(part):
 
 
 def read_releases():
-    """The first system that has a symbol, for each listed one."""
+    """For each listed symbol the first system that has it."""
     releases = {}
     for line in pathlib.Path(__file__).with_name("symbols.txt").read_text().splitlines():
         if line and not line.startswith("#"):

@@ -17,8 +17,8 @@ find_program(CMAKE_INSTALL_NAME_TOOL llvm-install-name-tool HINTS ${llvm} REQUIR
 find_program(CMAKE_AR llvm-ar HINTS ${llvm} REQUIRED)
 find_program(CMAKE_RANLIB llvm-ranlib HINTS ${llvm} REQUIRED)
 
-# Not zig's own linker: its arm64 executables crash where imports are bound lazily, which is up to macOS 11. Nor LLVM's of
-# any version: 14 loses the unwind information's personality functions. Debian 12 and 13 both have this one.
+# Not zig's own linker: its arm64 executables crash where imports are bound lazily, as up to macOS 11. Nor just any of
+# LLVM's: 14 loses the unwind information's personality functions. Debian 12 and 13 both have 19.
 find_program(LLD ld64.lld-19 REQUIRED)
 
 # zig builds its C++ library, which becomes a part of the executable, and its compiler run-time when it links for the

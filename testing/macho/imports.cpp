@@ -51,7 +51,7 @@ const void* withError(Result (*)(Arguments...)) {
 }
 #define WITH_ERROR(function) withError<function>(function)
 
-// What only happens where the process is about to abort, or where a newer system is looked for.
+// What is called only where the process is about to abort, or to look for a newer system.
 Import untranslated(const char* name, void (*refusal)()) { return {name, addressOf(refusal)}; }
 #define REFUSAL(name) [] { refuse("calls " name ", for which there is nothing here"); }
 #define UNTRANSLATED(name) untranslated(name, REFUSAL(name))

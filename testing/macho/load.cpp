@@ -3,9 +3,10 @@
 //     load lazily|eagerly LIBUNWIND EXECUTABLE NAME [ARGUMENT ...]
 //
 // maps the slice for this machine's architecture, rebases it, binds its imports and calls its entry point with NAME and
-// the arguments. LIBUNWIND is LLVM's libunwind, built for macOS, whose part of libSystem nothing of Linux's can play:
-// the executable's functions have Apple's compact unwind information. Functions are bound when they are first called,
-// or all at once before. What the loader doesn't know it refuses with one line on standard error and status 126.
+// the arguments. LIBUNWIND is LLVM's libunwind, built for macOS, where it is a part of libSystem. Nothing on Linux can
+// stand in for it: the executable's functions have Apple's compact unwind information. Functions are bound when they
+// are first called, or all at once before. What the loader doesn't know it refuses with one line on standard error and
+// status 126.
 //
 // Nothing here allocates memory: allocations are the executable's, so that they can be counted and fail.
 #include <unistd.h>

@@ -1,5 +1,6 @@
-// What images import as dyld_stub_binder: where a function's stub leads as long as the function isn't bound. The stub's helper has pushed which
-// lazy binding it is and an address in the image. All registers that arguments are in have to survive.
+// What images import as dyld_stub_binder: where a function's stub leads as long as the function isn't bound. The stub's
+// helper has pushed which lazy binding it is, and an address in the image. All registers that hold arguments have to
+// survive.
 
 #if defined(__x86_64__)
 

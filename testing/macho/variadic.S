@@ -1,4 +1,4 @@
-// Apple's arm64 passes all variable arguments on the stack, 8 bytes each; Linux has them in registers as other arguments.
+// Apple's arm64 passes all variable arguments on the stack, 8 bytes each; Linux passes them in registers, as others.
 
 #if defined(__aarch64__)
 
