@@ -23,9 +23,9 @@ PAGE = bytes(range(256)) * 400  # libcurl delivers it in several chunks
 # A run makes at least so many allocations that can be made to fail.
 FEWEST = 60 if TRANSLATOR else 100
 
-# The failures that cost the answer: how the run ends, and the size of the allocation. None is the tool's. libcurl 7.54.0
-# gives out a handle without a receive buffer when it can't allocate one, and writes to the buffer all the same. OpenSSL
-# 3.5 reports that it lacks one of its first two locks, for which it waits for them; without a thread's data it aborts.
+# Failures that cost the answer: how the run ends, and the allocation's size. None is the tool's. libcurl 7.54.0 gives
+# out a handle without a receive buffer when it can't allocate one, and writes to the buffer all the same. OpenSSL 3.5
+# reports that it lacks one of its first two locks, for which it waits for them; without a thread's data it aborts.
 OF_LIBCURL = [("crash", 16_385)] if libcurl.answer("no receive buffer, but a handle") else []
 OF_OPENSSL = [("hang", 56), ("hang", 56), ("abort", 240)] if libcurl.openssl_version() >= (3, 5, 0) else []
 
