@@ -9,6 +9,7 @@ import itertools
 import os
 import re
 import signal
+import subprocess
 import sys
 
 import libcurl
@@ -22,10 +23,11 @@ PAGE = bytes(range(256)) * 400  # libcurl delivers it in several chunks
 # A run makes at least so many allocations that can be made to fail.
 FEWEST = 60 if TRANSLATOR else 100
 
-# What a run in which libcurl crashes leaves, and the sizes of the allocations whose failure does that: libcurl 7.54.0
-# gives out a handle without a receive buffer when it can't allocate one, and writes to the buffer all the same.
-CRASH = Answer(b"", status=-signal.SIGSEGV)
-FATAL_SIZES = [16_385] if libcurl.answer("no receive buffer, but a handle") else []
+# Failures that cost the answer: how the run ends, and the allocation's size. None is the tool's. libcurl 7.54.0 gives
+# out a handle without a receive buffer when it can't allocate one, and writes to the buffer all the same. OpenSSL 3.5
+# reports that it lacks one of its first two locks, for which it waits for them; without a thread's data it aborts.
+OF_LIBCURL = [("crash", 16_385)] if libcurl.answer("no receive buffer, but a handle") else []
+OF_OPENSSL = [("hang", 56), ("hang", 56), ("abort", 240)] if libcurl.openssl_version() >= (3, 5, 0) else []
 
 
 @pytest.fixture(name="page_url", scope="module")
@@ -37,12 +39,16 @@ def serve_page(tmp_path_factory):
 
 
 def run_with_failures(tool, first, last, arguments):
-    """Returns the answer and the size of allocation `first`, or None if the run made fewer."""
+    """Returns the answer, None if the run hangs, and the size of allocation `first`, None if the run made fewer."""
     reader, writer = os.pipe()
     failures = {"FAIL_FIRST": str(first), "FAIL_LAST": str(last), "FAIL_REPORT": str(writer)}
     environment = {**ENVIRONMENT, **preloading("failing_malloc"), **failures}
     with open(reader, "rb") as report:
-        answer = tool.run_command([LINKED if IS_STATIC else WEBREQ, *arguments], env=environment, pass_fds=[writer])
+        command = [LINKED if IS_STATIC else WEBREQ, *arguments]
+        try:
+            answer = tool.run_command(command, env=environment, pass_fds=[writer], timeout=60 if TRANSLATOR else 12)
+        except subprocess.TimeoutExpired:
+            answer = None
         os.close(writer)
         size = report.read()
         return answer, int.from_bytes(size, sys.byteorder) if size else None
@@ -53,30 +59,44 @@ def list_numbers():
     return itertools.count(1) if TRANSLATOR is None else itertools.chain(range(1, 61), itertools.count(100, 100))
 
 
+def end_without_answer(answer):
+    """Names it, if it is one of those above."""
+    if answer is None:
+        return "hang"
+    if answer == Answer(b"", status=-signal.SIGSEGV):
+        return "crash"
+    if answer.status == -signal.SIGABRT and b": OpenSSL internal error: " in answer.stderr and not answer.stdout:
+        return "abort"
+    return None
+
+
 def fail_each(tool, alone, arguments, check):
     """Lets one allocation after the other fail until a run has none left to fail; `check` takes each answer and the
     run's number. Prints and returns how many failed."""
 
-    fatal_sizes = []
-
     def run(number):
         answer, size = run_with_failures(tool, number, number if alone else 10**9, arguments(number))
-        if answer == CRASH:
-            fatal_sizes.append(size)
-        else:
+        end = end_without_answer(answer)
+        if end is None:
             check(answer, number)
-        return size is not None
+        return end, size
 
-    total, numbers = 0, list_numbers()
+    runs, numbers = [], list_numbers()
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        while True:
-            failed = sum(pool.map(run, itertools.islice(numbers, 100)))
-            total += failed
-            if failed < 100:
-                break
-    assert fatal_sizes == (FATAL_SIZES if alone and total else [])
-    print(f"{total} allocations failed, each in a run of its own")
-    return total
+        while not runs or runs[-1][1] is not None:
+            runs += pool.map(run, itertools.islice(numbers, 100))
+    failed = [(end, size) for end, size in runs if size is not None]
+    check_ends(failed, alone)
+    print(f"{len(failed)} allocations failed, each in a run of its own")
+    return len(failed)
+
+
+def check_ends(failed, alone):
+    """Where all that follow fail, too, the failures before an abort's end in it as well: only the last one counts."""
+    ends = [(end, size) for end, size in failed if end]
+    if not alone:
+        ends = [end for end, later in itertools.zip_longest(ends, ends[1:]) if end[0] != "abort" or later is None]
+    assert sorted(ends) == sorted(OF_OPENSSL + (OF_LIBCURL if alone else []) if failed else [])
 
 
 def result_and_body(output):

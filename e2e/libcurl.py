@@ -83,11 +83,23 @@ def numbers(text):
 @functools.cache
 def version():
     """The version, three numbers, of the libcurl that the tool loads or contains."""
-    found = set(re.findall(rb"libcurl/(\d+\.\d+\.\d+)", _what_a_run_says()))
+    found = _versions("libcurl")
     assert len(found) == 1, f"of {WEBREQ} the versions of libcurl are {found}"
-    return numbers(found.pop().decode())
+    return found.pop()
 
 
+@functools.cache
+def openssl_version():
+    """The version of the OpenSSL that libcurl uses; 0.0.0 if it uses another library."""
+    return max(_versions("OpenSSL"), default=(0, 0, 0))
+
+
+def _versions(name):
+    found = re.findall(rf"{name}/(\d+\.\d+\.\d+)".encode(), _what_a_run_says())
+    return {numbers(text.decode()) for text in found}
+
+
+@functools.cache
 def _what_a_run_says():
     if not pathlib.Path("/proc/self/maps").exists():  # on macOS the curl command uses the system's, as the tool does
         return subprocess.run(["/usr/bin/curl", "--version"], stdout=subprocess.PIPE, check=True).stdout
