@@ -1,5 +1,6 @@
 """Proxies, which libcurl takes from the environment: each kind, with the bytes that it receives."""
 
+import contextlib
 import socket
 import struct
 
@@ -106,29 +107,34 @@ def test_no_proxy(request_through, serve):
     assert request_through(server.url, http_proxy="http://127.0.0.1:1", no_proxy="127.0.0.1") == ANSWERED
 
 
-def test_https_proxy_that_is_not_trusted(request_through, serve, make_certificate):
-    """Verification is off for servers, not for proxies."""
-    proxy = serve(OK, tls_context=make_certificate("127.0.0.1").server_context)
-    assert request_through("http://192.0.2.7/", http_proxy=proxy.url) == Answer(b"60\n")
-    assert b"".join(proxy.requests) == b""
-
-
 @pytest.mark.skipif(not own_network.is_possible(), reason="no folder /etc can be put in the place of the system's")
-def test_https_proxy_that_is_trusted(tmp_path, make_certificate):
-    """By the system's list of authorities, where Debian has it."""
+@pytest.mark.parametrize(
+    "listed, result",
+    [("localhost", libcurl.answer("trusted proxy")), ("elsewhere", b"60\n"), (None, b"77\n")],
+    ids=["trusted", "not trusted", "no list"],
+)
+def test_https_proxy(tmp_path, make_certificate, listed, result):
+    """Verification is off for servers, not for proxies: by the system's list of authorities, where Debian has it."""
     certificate = make_certificate("localhost")
     (tmp_path / "ssl/certs").mkdir(parents=True)
-    (tmp_path / "ssl/certs/ca-certificates.crt").write_bytes(certificate.path.read_bytes())
+    if listed:
+        authority = certificate if listed == "localhost" else make_certificate(listed)
+        (tmp_path / "ssl/certs/ca-certificates.crt").write_bytes(authority.path.read_bytes())
     (tmp_path / "hosts").write_text("127.0.0.1 localhost\n")
     (tmp_path / "nsswitch.conf").write_text("hosts: files\n")
+    received = []
 
+    @contextlib.contextmanager
     def serve(sockets):
         (listener,) = [opened for opened in sockets if opened.getsockname()[:2] == ("127.0.0.1", 81)]
-        return ScriptedServer(OK, tls_context=certificate.server_context, listener=listener)
+        with ScriptedServer(OK, tls_context=certificate.server_context, listener=listener) as proxy:
+            yield
+        received.extend(proxy.requests)
 
     environment = {**ENVIRONMENT, "http_proxy": "https://localhost:81"}
     run = own_network.run([WEBREQ, "-web", "http://192.0.2.7/"], tmp_path, serve, env=environment)
-    assert Answer(run.stdout, run.stderr, run.returncode) == Answer(libcurl.answer("trusted proxy"))
+    assert Answer(run.stdout, run.stderr, run.returncode) == Answer(result)
+    assert bool(b"".join(received)) == result.startswith(b"200")
 
 
 @pytest.mark.skipif(libcurl.version() < (7, 84, 0), reason="libcurl 7.84 brought it")
