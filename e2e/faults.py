@@ -96,7 +96,11 @@ def check_ends(failed, alone):
     ends = [(end, size) for end, size in failed if end]
     if not alone:
         ends = [end for end, later in itertools.zip_longest(ends, ends[1:]) if end[0] != "abort" or later is None]
-    assert sorted(ends) == sorted(OF_OPENSSL + (OF_LIBCURL if alone else []) if failed else [])
+    expected = OF_OPENSSL + (OF_LIBCURL if alone else []) if failed else []
+    if TRANSLATOR:  # a sample may miss them, and of those that follow, too
+        assert {end for end, _ in ends} <= {end for end, _ in expected}
+    else:
+        assert sorted(ends) == sorted(expected)
 
 
 def result_and_body(output):

@@ -24,11 +24,13 @@ ANSWERS = {
     "space in the path": {"7.54.0": b"200\nok\n", "7.79.1": b"3\n"},
     "nonsense://127.0.0.1/": {"7.54.0": b"1\n", "7.64.1": b"6\n", "7.65.1": b"1\n"},
     "file:// on a folder": {"7.54.0": b"0\n", "7.75.0": b"36\n", "7.79.1": b"0\n", "8.8.0": b"0\nfile\n\n"},
-    # Redirects: before 7.65.2 they also lead to schemes other than HTTP and FTP.
+    # Redirects: before 7.65.2 they also lead to schemes other than HTTP(S) and FTP(S).
     "redirect to gopher": {"7.54.0": b"7\n", "7.65.2": b"1\n"},
     "endless redirects": {"7.54.0": b"28\n", "7.88.1": b"56\n", "8.0.0": b"28\n", "8.3.0": b"47\n"},
-    # Proxies: over TLS, certified by the system's authorities; one that refuses a tunnel.
+    # Proxies: over TLS, certified by the system's authorities; at a Unix socket, for which older ones ask port 1080
+    # instead, whatever that is here (None); one that refuses a tunnel.
     "trusted proxy": {"7.54.0": b"60\n", "7.64.0": b"200\nok\n"},
+    "proxy at a Unix socket": {"7.54.0": None, "7.84.0": b"200\nok\n"},
     "refused tunnel": {"7.54.0": b"56\n", "8.20.0": b"7\n"},
     # Answers that aren't HTTP: before 7.66 they are bodies without a status.
     "garbage": {"7.54.0": b"0\nThis is no HTTP.\r\n\r\n\n", "7.66.0": b"1\n"},
@@ -90,12 +92,12 @@ def version():
 
 @functools.cache
 def openssl_version():
-    """The version of the OpenSSL that libcurl uses; 0.0.0 if it uses another library."""
+    """The newest OpenSSL that one of the tool's files speaks of; 0.0.0 if none does."""
     return max(_versions("OpenSSL"), default=(0, 0, 0))
 
 
 def _versions(name):
-    found = re.findall(rf"{name}/(\d+\.\d+\.\d+)".encode(), _what_a_run_says())
+    found = re.findall(rf"{name}[/ ](\d+\.\d+\.\d+)".encode(), _what_a_run_says())
     return {numbers(text.decode()) for text in found}
 
 

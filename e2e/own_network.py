@@ -34,7 +34,11 @@ def run(command, folder, serve, **options):
             _, descriptors, _, _ = socket.recv_fds(ours, 1, 16)
             with serve([socket.socket(fileno=descriptor) for descriptor in descriptors]):
                 ours.send(b"!")
-                output, errors = process.communicate(timeout=60)
+                try:
+                    output, errors = process.communicate(timeout=60)
+                except subprocess.TimeoutExpired:
+                    process.kill()
+                    raise
                 return subprocess.CompletedProcess(command, process.returncode, output, errors)
 
 

@@ -1,7 +1,7 @@
 """Which argument is the request, how its fields are read, and what a command line without one gets."""
 
 import pytest
-from conftest import Answer
+from conftest import ENVIRONMENT, Answer
 from scripted_server import reply
 
 BANNER = b"webreq v4.1.47 (20251001) / reqkit 4.1.6\n\n"
@@ -64,9 +64,9 @@ def test_second_marker_and_its_description_are_ignored(tool, serve):
 
 
 def test_marker_behind_the_marker_is_the_description(tool, serve):
-    server = serve(reply(200, b"body"))
-    assert tool.run("-web", "-web", server.url) == Answer(b"6\n")  # requests the URL "-web", which is no host
-    assert server.requests == []
+    proxy = serve(reply(200, b"body"))  # no name server is asked for a host "-web"
+    assert tool.run("-web", "-web", "ignored", env={**ENVIRONMENT, "http_proxy": proxy.url}) == Answer(b"200\nbody\n")
+    assert proxy.requests[0].startswith(b"GET http://-web/ HTTP/1.1\r\n")
 
 
 @pytest.mark.parametrize("description", ["", " | |x", "\t", "|", "|q=1|p|||2000|out.txt", " \t|||||5000|out.txt"])

@@ -137,7 +137,7 @@ def test_https_proxy(tmp_path, make_certificate, listed, result):
     assert bool(b"".join(received)) == result.startswith(b"200")
 
 
-@pytest.mark.skipif(libcurl.version() < (7, 84, 0), reason="libcurl 7.84 brought it")
+@pytest.mark.skipif(libcurl.answer("proxy at a Unix socket") is None, reason="this libcurl knows no such proxies")
 def test_socks_at_a_unix_socket(request_through, tmp_path):
     """libcurl takes a path behind "localhost" for one."""
     with socket.socket(socket.AF_UNIX) as listener:
@@ -145,4 +145,6 @@ def test_socks_at_a_unix_socket(request_through, tmp_path):
         listener.listen()
         _, host, handshake = SOCKS[-1]
         with ScriptedServer([*handshake, READ_REQUEST, OK], listener=listener):
-            assert request_through(f"http://{host}/", ALL_PROXY=f"socks5h://localhost{tmp_path}/proxy") == ANSWERED
+            assert request_through(f"http://{host}/", ALL_PROXY=f"socks5h://localhost{tmp_path}/proxy") == Answer(
+                libcurl.answer("proxy at a Unix socket")
+            )

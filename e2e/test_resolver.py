@@ -92,12 +92,14 @@ class Network:
         threads = [threading.Thread(target=server.serve_forever, args=[0.05]) for server in servers]
         for thread in threads:
             thread.start()
-        yield
-        for server, thread in zip(servers, threads):
-            server.shutdown()
-            thread.join()
-        for opened in sockets:
-            opened.close()
+        try:
+            yield
+        finally:
+            for server, thread in zip(servers, threads):
+                server.shutdown()
+                thread.join()
+            for opened in sockets:
+                opened.close()
 
     def _server_on(self, opened):
         address, port = opened.getsockname()[:2]

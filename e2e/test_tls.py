@@ -66,6 +66,14 @@ def test_nginx_over_tls(tool, nginx):
     assert answer == Answer(b"200\n%s GET /echo\nUser-Agent: \nX-Demo: \n\n" % protocol)
 
 
+@pytest.mark.parametrize("version", [ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3])
+def test_each_version_of_tls(tool, serve, make_certificate, version):
+    context = make_certificate("localhost").server_context
+    context.minimum_version = context.maximum_version = version
+    server = serve(reply(200, b"body"), tls_context=context)
+    assert tool.request(f"https://localhost:{server.port}/") == Answer(b"200\nbody\n")
+
+
 def test_server_without_tls_behind_https(tool, serve):
     server = serve([b"no TLS here\r\n"])
     assert tool.request(f"https://127.0.0.1:{server.port}/") == Answer(b"35\n")
