@@ -21,7 +21,6 @@ OLDEST_SYSTEMS = {"x86_64": (10, 13), "arm64": (11, 0)}
 LIBRARIES = {
     "/usr/lib/libSystem.B.dylib": (1, 0),
     "/usr/lib/libcurl.4.dylib": (7, 0),
-    "/usr/lib/libc++.1.dylib": (1, 0),
 }
 LIBRARY_COMMANDS = {
     mach_o.LC_LOAD_DYLIB,

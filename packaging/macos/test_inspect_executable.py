@@ -147,6 +147,10 @@ BREAKS = {
         lambda part: part.replace(b"/usr/lib/dyld", b"/usr/lib/dylD"),
         "hasn't one dynamic linker, /usr/lib/dyld",
     ),
+    "two dynamic linkers": (
+        change_kind(mach_o.LC_UUID, to=mach_o.LC_LOAD_DYLINKER),
+        "hasn't one dynamic linker, /usr/lib/dyld",
+    ),
     "address of a segment": (change_segment("__DATA", vmaddr=plus(8)), "__DATA isn't on page boundaries"),
     "offset of a segment": (change_segment("__DATA", fileoff=plus(8)), "__DATA isn't on page boundaries"),
     "content behind the file": (
@@ -166,6 +170,14 @@ BREAKS = {
     "header in another segment": (swap_names("__TEXT", "__DATA"), "hasn't its header in __TEXT"),
     "small __PAGEZERO": (
         change_segment("__PAGEZERO", vmsize=to(0x4000)),
+        "doesn't begin with a __PAGEZERO of 4 GiB",
+    ),
+    "moved __PAGEZERO": (
+        change_segment("__PAGEZERO", vmaddr=to(0x4000)),
+        "doesn't begin with a __PAGEZERO of 4 GiB",
+    ),
+    "__PAGEZERO with content": (
+        change_segment("__PAGEZERO", filesize=to(0x4000)),
         "doesn't begin with a __PAGEZERO of 4 GiB",
     ),
     "readable __PAGEZERO": (change_segment("__PAGEZERO", initprot=to(1)), "doesn't begin with a __PAGEZERO of 4 GiB"),

@@ -1,4 +1,4 @@
-// What is read here of the Mach-O format, which a file for macOS has: numbers are little-endian, but for the list of
+// What is read here of the Mach-O format, which a file for macOS has: numbers are little-endian, except in the list of
 // the slices of a universal file. Apple's <mach-o/loader.h> has the same with other names.
 #pragma once
 
@@ -51,10 +51,7 @@ struct Header {
 constexpr std::uint32_t kRequired = 0x80000000;  // a bit in those kinds of commands that a loader must know
 
 enum CommandKind : std::uint32_t {
-  kSymbolTable = 0x02,
-  kDynamicSymbolTable = 0x0B,
   kLoadLibrary = 0x0C,
-  kLibraryName = 0x0D,
   kDynamicLinker = 0x0E,
   kSegment = 0x19,
   kDyldInfo = 0x22 | kRequired,

@@ -263,7 +263,9 @@ void protectConstants(const Image& image) {
   for (std::size_t i = 0; i < image.segmentCount; ++i) {
     const SegmentCommand& segment = *image.segments[i];
     if ((segment.flags & kReadOnlyOnceBound) == 0) continue;
-    mprotect(addressInMemory(image, segment.address), roundUpToPages(segment.addressSize), PROT_READ);
+    if (mprotect(addressInMemory(image, segment.address), roundUpToPages(segment.addressSize), PROT_READ) != 0) {
+      refuse("%s: its constants can't be protected", image.path);
+    }
   }
 }
 

@@ -7,7 +7,7 @@ import struct
 import subprocess
 
 import pytest
-from executable_copy import Slice, copy_executable, rename
+from executable_copy import ARCHITECTURES, Slice, copy_executable, rename
 from macholib import mach_o
 
 __all__ = ["copy_executable"]  # a fixture
@@ -117,7 +117,16 @@ def test_refuses_an_unknown_flag(copy, tmp_path):
     assert (run.stdout, run.stderr, run.returncode) == ("0\n", "load: open gets the unknown bits 0x800\n", 126)
 
 
+def test_refuses_a_file_without_the_slice(copy):
+    head, number = copy.read_bytes()[:64], struct.pack(">I", ARCHITECTURES[SLICE])
+    copy.write_bytes(head.replace(number, bytes(4), 1) + copy.read_bytes()[64:])
+    run = load(copy)
+    line = f"load: {copy}: has no slice for this architecture\n"
+    assert (run.stdout, run.stderr, run.returncode) == ("", line, 126)
+
+
 def test_refuses_a_file_of_another_kind(tmp_path):
     (tmp_path / "text").write_bytes(b"#!/bin/sh\n" * 100)
-    assert load(tmp_path / "text").stderr == f"load: {tmp_path}/text: is no Mach-O file of 64 bits\n"
-    assert load(tmp_path / "missing").stderr == f"load: {tmp_path}/missing: No such file or directory\n"
+    for name, problem in {"text": "is no Mach-O file of 64 bits", "missing": "No such file or directory"}.items():
+        run = load(tmp_path / name)
+        assert (run.stdout, run.stderr, run.returncode) == ("", f"load: {tmp_path}/{name}: {problem}\n", 126)
