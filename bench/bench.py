@@ -1,4 +1,4 @@
-"""Measures the tool beside curl, wget and a raw-socket client, against nginx on loopback, all in one run.
+"""Measures the tool beside curl, wget and raw-socket clients, against nginx on loopback, all in one run.
 
 scripts/bench builds them and calls this. The last answer that each command gave while it was timed is compared with the
 right one.
@@ -10,6 +10,7 @@ import os
 import pathlib
 import platform
 import re
+import shlex
 import shutil
 import statistics
 import subprocess
@@ -83,7 +84,7 @@ def measure(rows, folder, rounds=ROUNDS, runs=RUNS):
 
 
 def webreq(tool, url, fields=""):
-    return f"{tool} -web '{url}{fields}'"
+    return f"{shlex.quote(str(tool))} -web '{url}{fields}'"
 
 
 def small_rows(url, page):
@@ -97,8 +98,8 @@ def small_rows(url, page):
     ]
     if url.startswith("http:"):
         port, path = re.fullmatch(r"http://127\.0\.0\.1:(\d+)(/.*)", url).groups()
-        rows.append(Row("floor", f"{FLOOR} {port} {path}", page))
-        rows.append(Row("floor, static", f"{STATIC_FLOOR} {port} {path}", page))
+        rows.append(Row("floor", f"{shlex.quote(str(FLOOR))} {port} {path}", page))
+        rows.append(Row("floor, static", f"{shlex.quote(str(STATIC_FLOOR))} {port} {path}", page))
     return rows
 
 
@@ -130,12 +131,15 @@ print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)
 def parallel_rows(url, page, count, runs):
     """`runs` runs, `count` of them at a time, started by xargs; each answers on the standard output of all."""
     answer = b"200\n" + page + b"\n"
-    start = f"sh -c 'seq {runs} | xargs -P {count} -I % "
+
+    def start(command):
+        return "sh -c " + shlex.quote(f"seq {runs} | xargs -P {count} -I % {command}")
+
     return [
-        Row("release", start + f"{RELEASE} -web {url}'", answer * runs, at_once=True),
-        Row("static", start + f"{STATIC} -web {url}'", answer * runs, at_once=True),
-        Row("curl", start + f"curl -s {url}'", page * runs, at_once=True),
-        Row("wget", start + f"wget -q -O - {url}'", page * runs, at_once=True),
+        Row("release", start(webreq(RELEASE, url)), answer * runs, at_once=True),
+        Row("static", start(webreq(STATIC, url)), answer * runs, at_once=True),
+        Row("curl", start(f"curl -s {url}"), page * runs, at_once=True),
+        Row("wget", start(f"wget -q -O - {url}"), page * runs, at_once=True),
     ]
 
 
