@@ -10,8 +10,9 @@ namespace webreq {
 // Writes `bytes` to standard output, waiting as long as that takes. Returns false when the rest can't be written.
 bool writeToStandardOutput(std::string_view bytes) noexcept;
 
-// Makes the file at `path` hold `bytes`: it is created, readable and writable for all but for the umask, or truncated.
-// A file that can't be opened or written is skipped: the caller has its result line and finds out by the file.
+// Makes the file at `path` hold `bytes`: it is created, readable and writable by everyone, less the umask, or
+// truncated. A file that can't be opened or written is skipped: the caller has its result line and finds out by the
+// file.
 void writeOutputFile(const std::string& path, std::string_view bytes) noexcept;
 
 }  // namespace webreq

@@ -173,7 +173,7 @@ mode_t modeOf(const std::string& path) {
   return status.st_mode & 07777U;
 }
 
-TEST(WriteOutputFile, CreatesTheFileReadableAndWritableButForTheMask) {
+TEST(WriteOutputFile, CreatesTheFileReadableAndWritableLessTheMask) {
   for (const mode_t mask : {000U, 027U}) {
     const TemporaryFolder folder;
     const mode_t formerMask = umask(mask);

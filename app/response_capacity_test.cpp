@@ -30,8 +30,8 @@ std::size_t reservedCapacity() {
   return response.capacity();
 }
 
-// Whether the 3328 MiB that have to be free can be had from the system: not where it has no such memory and counts what
-// it promises, and not in 32 bits.
+// Whether the 3328 MiB that have to be free can be had from the system. They can't in 32 bits, nor where the system
+// promises no more memory than it has, and has less.
 bool hasRoom() {
   const std::size_t size = 3328 * kMebibyte;
   void* const space = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -107,7 +107,7 @@ std::string flagsOfMapping(const char* address) {
   return {};
 }
 
-TEST(ReserveResponse, HasHugePagesButForSmallBodies) {
+TEST(ReserveResponse, HasHugePagesExceptForSmallBodies) {
   if (!std::ifstream("/sys/kernel/mm/transparent_hugepage/enabled")) GTEST_SKIP() << "no huge pages here";
   std::string response;
   reserveResponse(response);

@@ -8,7 +8,7 @@ namespace webreq {
 
 using BannerLine = std::array<char, 64>;
 
-// "webreq v4.1.47 (20251001) / reqkit 4.1.6" and a line feed, ended by a NUL byte.
+// Name, version and date of the tool, name and version of its library, and a line feed, ended by a NUL byte.
 BannerLine makeBannerLine() noexcept;
 
 // The usage text's lines, each with its line feed; the first is empty. Its defaults for AGENT and TIMEOUT and its

@@ -13,7 +13,7 @@ extern char** environ;  // NOLINT(readability-redundant-declaration): only glibc
 namespace {
 
 struct Answer {
-  int result;  // a status code, or a failure code below 100
+  int result;  // a status code, or a failure code
   std::string body;
 };
 

@@ -2,7 +2,7 @@
 import { execFile } from "node:child_process";
 import { promisify } from "node:util";
 
-// Performs a GET. Returns its result, a status code or a failure code below 100, and the body.
+// Performs a GET. Returns its result, a status code or a failure code, and the body.
 async function request(url) {
   const description = url.replaceAll("|", "%7C"); // a bar would begin the next field
   const options = { encoding: "buffer", maxBuffer: Infinity };

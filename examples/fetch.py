@@ -5,7 +5,7 @@ import sys
 
 
 def request(url):
-    """Performs a GET. Returns its result, a status code or a failure code below 100, and the body."""
+    """Performs a GET. Returns its result, a status code or a failure code, and the body."""
     description = url.replace("|", "%7C")  # a bar would begin the next field
     run = subprocess.run(["webreq", "-web", description], stdout=subprocess.PIPE, check=True)
     result, _, body = run.stdout.partition(b"\n")

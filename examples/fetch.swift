@@ -1,7 +1,7 @@
 // fetch URL: the body of the answer on standard output. Exits with status 1 when the request fails.
 import Foundation
 
-/// Performs a GET. Returns its result, a status code or a failure code below 100, and the body.
+/// Performs a GET. Returns its result, a status code or a failure code, and the body.
 func request(_ url: String) throws -> (result: Int, body: Data) {
   let description = url.replacingOccurrences(of: "|", with: "%7C")  // a bar would begin the next field
   let process = Process()
