@@ -29,8 +29,8 @@ ANSWERS = {
     "endless redirects": {"7.54.0": b"28\n", "7.88.1": b"56\n", "8.0.0": b"28\n", "8.3.0": b"47\n"},
     # Proxies: over TLS, certified by the system's authorities; the same without a list of them; at a Unix socket, in
     # whose place older ones ask port 1080, whatever that is here (None); one that refuses a tunnel.
-    "trusted proxy": {"7.54.0": b"60\n", "7.64.0": b"200\nok\n"},
-    "proxy without authorities": {"7.54.0": b"60\n", "7.64.0": b"77\n"},
+    "trusted proxy": {"7.54.0": b"60\n", "7.62.0": b"200\nok\n"},
+    "proxy without authorities": {"7.54.0": b"60\n", "7.62.0": b"77\n"},
     "proxy at a Unix socket": {"7.54.0": None, "7.84.0": b"200\nok\n"},
     "refused tunnel": {"7.54.0": b"56\n", "8.20.0": b"7\n"},
     # Answers that aren't HTTP: before 7.66 they are bodies without a status.
