@@ -107,14 +107,30 @@ def test_refuses_an_unknown_import_when_it_is_called(copy):
     assert (run.stdout, run.stderr, run.returncode) == ("", line, 126)
 
 
-# The instruction that loads the flags for the output file, and one that has O_EXCL in place of O_CREAT and O_TRUNC.
-FLAGS = {"x86_64": (b"\xbe\x01\x06\0\0", b"\xbe\x01\x08\0\0"), "arm64": (b"\x21\xc0\x80\x52", b"\x21\0\x81\x52")}
+# Instructions that load a constant, and the same with one that isn't known: the flags of the output file, with O_EXCL in
+# place of O_CREAT and O_TRUNC; the memory's, with MAP_SHARED beside them; SIGPIPE, which becomes SIGALRM.
+CONSTANTS = {
+    "open gets the unknown bits 0x800": {
+        "x86_64": (b"\xbe\x01\x06\0\0", b"\xbe\x01\x08\0\0"),
+        "arm64": (b"\x21\xc0\x80\x52", b"\x21\0\x81\x52"),
+    },
+    "mmap gets the unknown bits 0x1": {
+        "x86_64": (b"\xb9\x02\x10\0\0", b"\xb9\x03\x10\0\0"),
+        "arm64": (b"\x43\0\x82\x52", b"\x63\0\x82\x52"),
+    },
+    "signal gets the unknown signal 14": {
+        "x86_64": (b"\xbf\x0d\0\0\0", b"\xbf\x0e\0\0\0"),
+        "arm64": (b"\xa0\x01\x80\x52", b"\xc0\x01\x80\x52"),
+    },
+}
 
 
-def test_refuses_an_unknown_flag(copy, tmp_path):
-    Slice(copy, SLICE).replace(*FLAGS[SLICE])
+@pytest.mark.parametrize("line", CONSTANTS)
+def test_refuses_an_unknown_constant(copy, tmp_path, line):
+    Slice(copy, SLICE).replace(*CONSTANTS[line][SLICE])
     run = load(copy, "lazily", ["webreq", "-web", f"file:///dev/null||||||{tmp_path}/out"])
-    assert (run.stdout, run.stderr, run.returncode) == ("0\n", "load: open gets the unknown bits 0x800\n", 126)
+    assert (run.stderr, run.returncode) == (f"load: {line}\n", 126)
+    assert run.stdout == ("0\n" if line.startswith("open") else "")
 
 
 def test_refuses_a_file_without_the_slice(copy):
