@@ -76,9 +76,10 @@ def same_bytes(left, right):
 
 
 def measure(rows, folder, rounds=ROUNDS, runs=RUNS):
-    """In turn, so that whatever else the machine does meets all of them."""
-    for _ in range(rounds):
-        for row in rows:
+    """In turn, there and back, so that whatever else the machine does, or a neighbour leaves behind, meets all of them:
+    a virtual machine's memory, for one, is slow at first when it has been free for some seconds."""
+    for number in range(rounds):
+        for row in reversed(rows) if number % 2 else rows:
             row.measure(folder, runs)
     return {row.name: row for row in rows}
 
