@@ -55,7 +55,8 @@ ANSWERS = {
     "negative time-out": {"7.54.0": None, "7.57.0": b"28\n", "8.15.0": None},
     # A resolver that takes longer than the time-out: is it waited for?
     "hanging resolver": {"7.54.0": False, "7.62.0": True},
-    # Connections that end too early.
+    # Connections that end too early; TLS is cut off when no close_notify comes before the end.
+    "TLS cut off behind the body": {"7.54.0": b"200\nbody\n"},
     "TLS cut off": {"7.54.0": b"56\nbody\n", "7.88.1": b"200\nbody\n", "8.14.1": b"56\nbody\n"},
     "RST_STREAM": {
         "7.54.0": b"92\nhalf\0\n",
@@ -71,13 +72,23 @@ ANSWERS = {
         "8.1.2": b"55\nhalf\0\n",
         "8.4.0": b"56\nhalf\0\n",
     },
-    "HTTP/2 closed": {"7.54.0": b"56\nhalf\0\n", "7.88.1": b"18\nhalf\0\n", "8.14.1": b"56\nhalf\0\n"},
+    "HTTP/2 closed": {"7.54.0": b"18\nhalf\0\n", "7.79.1": b"92\nhalf\0\n", "7.88.1": b"18\nhalf\0\n"},
+    "HTTP/2 cut off": {"7.54.0": b"56\nhalf\0\n", "7.88.1": b"18\nhalf\0\n", "8.14.1": b"56\nhalf\0\n"},
+}
+
+# On OpenSSL 3.2 or newer, which tells every libcurl that TLS was cut off (https://github.com/curl/curl/issues/17471).
+# libcurl 8.6.0 then drops what came together with the end.
+ANSWERS_ON_OPENSSL_3_2 = {
+    "TLS cut off behind the body": {"7.54.0": b"200\nbody\n", "8.6.0": b"56\n", "8.12.1": b"200\nbody\n"},
+    "TLS cut off": {"7.54.0": b"56\nbody\n", "8.6.0": b"56\n", "8.12.1": b"56\nbody\n"},
+    "HTTP/2 cut off": {"7.54.0": b"56\nhalf\0\n"},
 }
 
 
 def answer(name):
-    """What the tool's libcurl does, out of ANSWERS."""
-    since = ANSWERS[name]
+    """What the tool's libcurl does, out of the tables above."""
+    on_openssl_3_2 = openssl_version() >= (3, 2, 0) and name in ANSWERS_ON_OPENSSL_3_2
+    since = (ANSWERS_ON_OPENSSL_3_2 if on_openssl_3_2 else ANSWERS)[name]
     return since[max((first for first in since if numbers(first) <= version()), key=numbers)]
 
 

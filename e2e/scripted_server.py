@@ -26,8 +26,8 @@ class ScriptedServer:
     """Serves on a free port of 127.0.0.1, or on `listener`, one connection after the other, a script each.
 
     A script is a list of steps: bytes to send, one of the constants above, or a callable that takes the connection.
-    Bytes in place of a list are the answer to one request. After its script a connection is closed; one for which
-    there is no script is closed at once.
+    Bytes in place of a list are the answer to one request. After its script a connection is closed, TLS with a
+    close_notify; one for which there is no script is closed at once.
     """
 
     def __init__(self, *scripts, tls_context=None, listener=None):
@@ -66,6 +66,8 @@ class ScriptedServer:
         with connection:
             for step in script:
                 self._take(step, connection)
+            if self._tls_context:
+                connection.unwrap()
 
     def _take(self, step, connection):
         if step is READ_REQUEST:

@@ -84,6 +84,7 @@ def test_tunnel(request_through, serve, make_certificate):
         with context.wrap_socket(connection, server_side=True) as encrypted:
             request = encrypted.recv(65536)
             encrypted.sendall(OK if request.startswith(PLAIN) else b"")
+            encrypted.unwrap()
 
     proxy = serve([READ_REQUEST, b"HTTP/1.1 200 Established\r\n\r\n", encrypt])
     assert request_through("https://192.0.2.7/", https_proxy=proxy.url) == ANSWERED
