@@ -104,10 +104,9 @@ def small_rows(url, page):
     return rows
 
 
-def file_rows(url, body, folder):
-    """A body in a file."""
-    out = folder / "body"
-    file = (body, out)
+def file_rows(url, out, body=None):
+    """A body in a file, which is compared with `body` unless that is None."""
+    file = body and (body, out)
     return [
         Row("release", webreq(RELEASE, url, f"|||||100000|{out}"), b"200\n", file),
         Row("static", webreq(STATIC, url, f"|||||100000|{out}"), b"200\n", file),
@@ -211,11 +210,13 @@ def bodies(report, server, folder):
         for scheme, base in (("HTTP", server.http_url), ("HTTPS", server.https_url)):
             if scheme == "HTTPS" and size not in SIZES_OVER_TLS:
                 continue
-            rows = measure(file_rows(f"{base}/{size}", body, folder), folder, rounds, runs)
+            url = f"{base}/{size}"
+            rows = measure(file_rows(url, folder / "body", body), folder, rounds, runs)
             series[scheme, size] = rows
-            curl = rows["curl"].median
-            cells = [f"{milliseconds(r.median)} ({r.median / curl:.2f})" for r in rows.values()]
-            lines.append([f"{name}, {scheme}", *cells])
+            lines.append(body_line(f"{name}, {scheme}", rows))
+            if (name, scheme) == ("32 MiB", "HTTPS"):
+                unwritten = measure(file_rows(url, "/dev/null"), folder, rounds, runs)
+                lines.append(body_line("the same into /dev/null", unwritten))
         if size == SIZES["1 GiB"]:
             for tool in ("release", "static"):
                 share = peak_memory(series["HTTP", size][tool]) / size
@@ -224,6 +225,11 @@ def bodies(report, server, folder):
     report.add("A body into a file, ms (of curl)", table(["", *rows], lines))
     bars_for_bodies(report, series)
     return {size: rows for (scheme, size), rows in series.items() if scheme == "HTTP"}
+
+
+def body_line(name, rows):
+    curl = rows["curl"].median
+    return [name, *(f"{milliseconds(r.median)} ({r.median / curl:.2f})" for r in rows.values())]
 
 
 def bars_for_bodies(report, series):

@@ -87,8 +87,8 @@ ANSWERS_ON_OPENSSL_3_2 = {
 
 def answer(name):
     """What the tool's libcurl does, out of the tables above."""
-    on_openssl_3_2 = openssl_version() >= (3, 2, 0) and name in ANSWERS_ON_OPENSSL_3_2
-    since = (ANSWERS_ON_OPENSSL_3_2 if on_openssl_3_2 else ANSWERS)[name]
+    answers = {**ANSWERS, **ANSWERS_ON_OPENSSL_3_2} if openssl_version() >= (3, 2, 0) else ANSWERS
+    since = answers[name]
     return since[max((first for first in since if numbers(first) <= version()), key=numbers)]
 
 
