@@ -183,7 +183,10 @@ def http2(ending):
 def await_event(protocol, connection, kind):
     while True:
         connection.sendall(protocol.data_to_send())
-        for event in protocol.receive_data(connection.recv(65536)):
+        received = connection.recv(65536)
+        if not received:
+            raise ConnectionError("the peer left")
+        for event in protocol.receive_data(received):
             if isinstance(event, kind):
                 return event
 
