@@ -10,7 +10,7 @@
 
 #include "app/output.h"
 #include "app/request_description.h"
-#include "app/response_capacity.h"
+#include "app/response_reservation.h"
 #include "app/usage.h"
 #include "net/web_request.h"
 

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "app/response_capacity.h"
+#include "app/response_reservation.h"
 #include "app/usage.h"
 #include "testing/descriptors.h"
 #include "testing/failing_allocation.h"

@@ -1,5 +1,5 @@
 #include "app/front_end.h"
-#include "app/process.h"
+#include "app/process_setup.h"
 
 int main(int argumentCount, char** arguments) {
   webreq::prepareProcess();

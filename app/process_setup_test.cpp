@@ -1,6 +1,6 @@
 #undef _FORTIFY_SOURCE  // which would have <fcntl.h> define open()
 
-#include "app/process.h"
+#include "app/process_setup.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "app/response_capacity.h"
+#include "app/response_reservation.h"
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>

@@ -8,7 +8,7 @@ from macholib import mach_o
 from macholib.MachO import MachO
 
 EXECUTABLE = pathlib.Path(
-    os.environ.get("EXECUTABLE", pathlib.Path(__file__).parents[2] / "build/macos-universal/webreq")
+    os.environ.get("EXECUTABLE", pathlib.Path(__file__).parents[1] / "build/macos-universal/webreq")
 )
 ARCHITECTURES = {"x86_64": 0x01000007, "arm64": 0x0100000C}  # their numbers as CPU types
 CPU_TYPE_I386 = 7

@@ -1,4 +1,4 @@
-#include "app/process.h"
+#include "app/process_setup.h"
 
 #include <fcntl.h>
 #include <unistd.h>

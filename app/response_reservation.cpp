@@ -1,4 +1,4 @@
-#include "app/response_capacity.h"
+#include "app/response_reservation.h"
 
 #include <sys/mman.h>
 #include <unistd.h>

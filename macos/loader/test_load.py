@@ -1,5 +1,5 @@
 """What the loader refuses: one line that names it, and status 126. $LOADER is the beginning of its command line, up to
-the executable; $SLICE the architecture that it loads. "scripts/test-macos" runs it."""
+the executable; $SLICE the architecture that it loads. "macos/test" runs it."""
 
 import os
 import shlex

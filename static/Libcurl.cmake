@@ -2,9 +2,9 @@
 # HTTP/2; all from their sources. docs/performance.md says what is left out and what that means for a user.
 enable_language(C)
 
-# Of each library the newest that cmake/sources.txt lists, in the folder where scripts/sources lays it down, or in the
+# Of each library the newest that deps/sources.txt lists, in the folder where deps/fetch lays it down, or in the
 # one that -DWEBREQ_CURL_SOURCE=, -DWEBREQ_AWS_LC_SOURCE= and so on name.
-file(STRINGS cmake/sources.txt lines REGEX "^[^#]")
+file(STRINGS deps/sources.txt lines REGEX "^[^#]")
 foreach(line IN LISTS lines)
   string(REGEX MATCH "^([^ ]+) +([^ ]+)" name "${line}")
   set(${CMAKE_MATCH_1}_source ${PROJECT_SOURCE_DIR}/build/sources/${CMAKE_MATCH_1}-${CMAKE_MATCH_2})
