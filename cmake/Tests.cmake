@@ -32,8 +32,8 @@ add_end_to_end_test(timeouts 12)
 # Their waits run side by side, and nothing else beside them.
 set_tests_properties(e2e/resolver e2e/timeouts PROPERTIES RUN_SERIAL ON)
 set_tests_properties(e2e/resolver PROPERTIES SKIP_RETURN_CODE 5)  # "no tests ran": where no network can be made
-foreach(name command_line examples failures headers left_out misbehaving_servers output proxies readme redirects
-    responses server system_calls tls)
+foreach(name command_line environment examples failures headers misbehaving_servers output proxies readme redirects
+    responses server static system_calls tls)
   add_end_to_end_test(${name} 0)
 endforeach()
 if(CMAKE_BUILD_TYPE STREQUAL "Release")

@@ -4,6 +4,7 @@ import contextlib
 import datetime
 import os
 import pathlib
+import socket
 import ssl
 import subprocess
 from typing import NamedTuple
@@ -19,12 +20,15 @@ from scripted_server import ScriptedServer
 REPOSITORY = pathlib.Path(__file__).parent.parent
 WEBREQ = os.path.abspath(os.environ.get("WEBREQ", REPOSITORY / "build/release/webreq"))
 
-# The build's folder and the executable in it; WEBREQ may be a script that has valgrind or an emulator run that.
+# The build's folder and the executable in it, which says itself what it is; WEBREQ may be a script that has valgrind or
+# an emulator run that.
 BUILD = pathlib.Path(WEBREQ).parent
 EXECUTABLE = BUILD / "webreq"
 
-IS_SANITIZED = BUILD.name == "asan"  # such tools need seconds to start when many start at once
-IS_STATIC = BUILD.name.startswith("static")  # nothing can be preloaded into it
+IS_SANITIZED = b"__asan_init" in EXECUTABLE.read_bytes()  # such tools need seconds to start when many start at once
+IS_STATIC = b"libcurl/" in EXECUTABLE.read_bytes()  # libcurl is in it, and nothing can be preloaded
+
+only_static = pytest.mark.skipif(not IS_STATIC, reason="for the static executable")
 
 MEMORY = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES")  # bytes
 
@@ -51,6 +55,9 @@ class Answer(NamedTuple):
     stdout: bytes
     stderr: bytes = b""
     status: int = 0
+
+
+ANSWERED = Answer(b"200\nok\n")  # by scripted_server.RESPONSE
 
 
 class Tool:
@@ -86,6 +93,14 @@ def serve():
     """Starts a scripted server; the arguments are ScriptedServer's."""
     with contextlib.ExitStack() as servers:
         yield lambda *scripts, **options: servers.enter_context(ScriptedServer(*scripts, **options))
+
+
+@pytest.fixture
+def refusing():
+    """An address that refuses connections: its port is bound but not listening, so nobody else can take it."""
+    with socket.socket() as bound:
+        bound.bind(("127.0.0.1", 0))
+        yield f"127.0.0.1:{bound.getsockname()[1]}"
 
 
 @pytest.fixture(name="nginx", scope="session")

@@ -2,7 +2,6 @@
 
 import pathlib
 import resource
-import socket
 import sys
 
 import libcurl
@@ -35,10 +34,8 @@ def test_space_in_the_path(tool, serve):
     assert tool.request(serve(reply(200, b"ok")).url + "/a b") == Answer(libcurl.answer("space in the path"))
 
 
-def test_connection_refused(tool):
-    with socket.socket() as bound:  # bound but not listening: nobody else can take the port
-        bound.bind(("127.0.0.1", 0))
-        assert tool.request(f"http://127.0.0.1:{bound.getsockname()[1]}/") == Answer(b"7\n")
+def test_connection_refused(tool, refusing):
+    assert tool.request(f"http://{refusing}/") == Answer(b"7\n")
 
 
 def test_file_has_no_status(tool, tmp_path):

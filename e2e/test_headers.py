@@ -34,7 +34,7 @@ CASES = [
 def test_header_lines(tool, serve, header, sent):
     server = serve(reply(200))
     assert tool.request(server.url.encode() + b"/|||" + header) == Answer(b"200\n")
-    assert server.requests == [b"GET / HTTP/1.1\r\nHost: 127.0.0.1:%d\r\n%s\r\n" % (server.port, sent)]
+    assert server.requests == [server.get(lines=sent)]
 
 
 def test_many_lines_arrive_in_order(tool, serve):
@@ -48,6 +48,14 @@ def test_host_line_can_be_replaced(tool, serve):
     server = serve(reply(200))
     assert tool.request(f"{server.url}/|||Host: example.invalid") == Answer(b"200\n")
     assert server.requests == [b"GET / HTTP/1.1\r\nHost: example.invalid\r\nAccept: */*\r\n\r\n"]
+
+
+@pytest.mark.parametrize("scheme", ["Digest", "Negotiate", "NTLM", "Bearer", "AWS4-HMAC-SHA256"])
+def test_password_is_offered_once_and_plainly(tool, serve, scheme):
+    server = serve(reply(401, b"who?", f'WWW-Authenticate: {scheme} realm="r", nonce="n"'))
+    assert tool.request(server.url.replace("//", "//user:secret@")) == Answer(b"401\nwho?\n")
+    (request,) = server.requests
+    assert b"\r\nAuthorization: Basic dXNlcjpzZWNyZXQ=\r\n" in request
 
 
 def test_nginx_receives_fields_over_tls(tool, nginx):

@@ -9,7 +9,7 @@ import threading
 import pytest
 from conftest import ENVIRONMENT, Answer
 from nginx import Nginx
-from scripted_server import reply
+from scripted_server import OK, reply
 
 needs_full = pytest.mark.skipif(not os.path.exists("/dev/full"), reason="no /dev/full here")
 
@@ -94,7 +94,7 @@ def test_failed_request_truncates_the_file_too(tool, tmp_path):
 
 
 def test_partial_body_of_a_failed_request_is_delivered(tool, tmp_path, serve):
-    server = serve(b"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nhalf")
+    server = serve(OK + b"Content-Length: 10\r\n\r\nhalf")
     assert tool.request(f"{server.url}||||||out.txt") == Answer(b"18\n")
     assert (tmp_path / "out.txt").read_bytes() == b"half"
 
@@ -138,7 +138,7 @@ def test_closed_standard_descriptors(tool, tmp_path, serve, closed):
     command = ["sh", "-c", f'exec "$@" {redirections}', "sh", tool.path, "-web", f"{server.url}||||||out.txt"]
     assert tool.run_command(command) == Answer(b"" if 1 in closed else b"200\n")
     assert (tmp_path / "out.txt").read_bytes() == BODY
-    assert server.requests == [f"GET / HTTP/1.1\r\nHost: 127.0.0.1:{server.port}\r\nAccept: */*\r\n\r\n".encode()]
+    assert server.requests == [server.get()]
 
 
 def test_usage_with_closed_standard_output(tool):

@@ -7,11 +7,9 @@ import struct
 import libcurl
 import own_network
 import pytest
-from conftest import ENVIRONMENT, WEBREQ, Answer
-from scripted_server import READ_REQUEST, ScriptedServer, reply
+from conftest import ANSWERED, ENVIRONMENT, WEBREQ, Answer
+from scripted_server import READ_REQUEST, RESPONSE, ScriptedServer, reply
 
-OK = reply(200, b"ok")
-ANSWERED = Answer(b"200\nok\n")
 PLAIN = b"GET / HTTP/1.1\r\nHost: 192.0.2.7\r\nAccept: */*\r\n\r\n"
 PORT = struct.pack(">H", 80)
 ADDRESS = socket.inet_aton("192.0.2.7")
@@ -62,7 +60,7 @@ def request_through(tool):
 
 
 def test_http(request_through, serve):
-    proxy = serve(OK)
+    proxy = serve(RESPONSE)
     assert request_through("http://192.0.2.7/", http_proxy=proxy.url) == ANSWERED
     assert proxy.requests == [
         b"GET http://192.0.2.7/ HTTP/1.1\r\nHost: 192.0.2.7\r\nAccept: */*\r\nProxy-Connection: Keep-Alive\r\n\r\n"
@@ -70,7 +68,7 @@ def test_http(request_through, serve):
 
 
 def test_http_with_a_password(request_through, serve):
-    proxy = serve(OK)
+    proxy = serve(RESPONSE)
     url = proxy.url.replace("//", "//user:secret@")
     assert request_through("http://192.0.2.7/", http_proxy=url) == ANSWERED
     assert b"\r\nProxy-Authorization: Basic dXNlcjpzZWNyZXQ=\r\n" in proxy.requests[0]
@@ -83,7 +81,7 @@ def test_tunnel(request_through, serve, make_certificate):
     def encrypt(connection):
         with context.wrap_socket(connection, server_side=True) as encrypted:
             request = encrypted.recv(65536)
-            encrypted.sendall(OK if request.startswith(PLAIN) else b"")
+            encrypted.sendall(RESPONSE if request.startswith(PLAIN) else b"")
             encrypted.unwrap()
 
     proxy = serve([READ_REQUEST, b"HTTP/1.1 200 Established\r\n\r\n", encrypt])
@@ -98,13 +96,13 @@ def test_tunnel_that_is_refused(request_through, serve):
 
 @pytest.mark.parametrize("scheme, host, handshake", SOCKS, ids=[scheme for scheme, _, _ in SOCKS])
 def test_socks(request_through, serve, scheme, host, handshake):
-    proxy = serve([*handshake, READ_REQUEST, OK])
+    proxy = serve([*handshake, READ_REQUEST, RESPONSE])
     assert request_through(f"http://{host}/", ALL_PROXY=f"{scheme}://127.0.0.1:{proxy.port}") == ANSWERED
     assert proxy.requests == [PLAIN.replace(b"192.0.2.7", host.encode())]
 
 
 def test_no_proxy(request_through, serve):
-    server = serve(OK)
+    server = serve(RESPONSE)
     assert request_through(server.url, http_proxy="http://127.0.0.1:1", no_proxy="127.0.0.1") == ANSWERED
 
 
@@ -132,7 +130,7 @@ def test_https_proxy(tmp_path, make_certificate, listed, result):
     @contextlib.contextmanager
     def serve(sockets):
         (listener,) = [opened for opened in sockets if opened.getsockname()[:2] == ("127.0.0.1", 81)]
-        with ScriptedServer(OK, tls_context=certificate.server_context, listener=listener) as proxy:
+        with ScriptedServer(RESPONSE, tls_context=certificate.server_context, listener=listener) as proxy:
             yield
         received.extend(proxy.requests)
 
@@ -149,7 +147,7 @@ def test_socks_at_a_unix_socket(request_through, tmp_path):
         listener.bind(str(tmp_path / "proxy"))
         listener.listen()
         _, host, handshake = SOCKS[-1]
-        with ScriptedServer([*handshake, READ_REQUEST, OK], listener=listener):
+        with ScriptedServer([*handshake, READ_REQUEST, RESPONSE], listener=listener):
             assert request_through(f"http://{host}/", ALL_PROXY=f"socks5h://localhost{tmp_path}/proxy") == Answer(
                 libcurl.answer("proxy at a Unix socket")
             )

@@ -1,8 +1,9 @@
 """Redirects are followed, without a limit of the tool's own; the result is the last response's."""
 
+import libcurl
 import pytest
-from conftest import Answer
-from scripted_server import reply
+from conftest import ANSWERED, IS_STATIC, Answer
+from scripted_server import RESPONSE, reply
 
 
 def moved(status, location, body=b"moved"):
@@ -62,6 +63,32 @@ def test_without_a_location_the_redirect_is_the_answer(tool, serve):
     assert tool.request(serve(reply(302, b"nowhere")).url) == Answer(b"302\nnowhere\n")
 
 
+def test_to_ftp(tool, serve, refusing):
+    """The static executable's libcurl has no FTP."""
+    server = serve(moved(302, f"ftp://{refusing}/"))
+    assert tool.request(server.url) == Answer(b"1\n" if IS_STATIC else b"7\n")
+
+
+def test_to_gopher(tool, serve, refusing):
+    server = serve(moved(302, f"gopher://{refusing}/"))
+    assert tool.request(server.url) == Answer(libcurl.answer("redirect to gopher"))
+
+
 def test_to_a_scheme_that_redirects_may_not_enter(tool, serve, tmp_path):
     (tmp_path / "secret").write_text("secret")
     assert tool.request(serve(moved(302, f"file://{tmp_path}/secret")).url) == Answer(b"1\n")
+
+
+@pytest.mark.parametrize(
+    "header_line",
+    [
+        "Set-Cookie: name=value",
+        'Alt-Svc: http/1.1="127.0.0.1:1"',
+        "Strict-Transport-Security: max-age=1000",
+        "Content-Type: text/html; charset=utf-16",
+    ],
+)
+def test_header_line_of_one_answer_does_not_change_the_next_request(tool, serve, header_line):
+    server = serve(reply(302, b"", "Location: /next", header_line), RESPONSE)
+    assert tool.request(server.url) == ANSWERED
+    assert server.requests == [server.get(), server.get(b"/next")]

@@ -121,7 +121,7 @@ def test_closed_descriptor_without_a_dev_null(tool, tmp_path, serve, descriptor)
     command = [*strace, *closing, tool.path, "-web", f"{server.url}||||||out"]
     assert tool.run_command(command, env=UNDER_STRACE) == Answer(b"" if descriptor == 1 else b"200\n")
     assert (tmp_path / "out").read_bytes() == BODY
-    assert server.requests == [f"GET / HTTP/1.1\r\nHost: 127.0.0.1:{server.port}\r\nAccept: */*\r\n\r\n".encode()]
+    assert server.requests == [server.get()]
 
 
 def test_limit_on_the_size_of_files(tool, tmp_path, serve):

@@ -16,9 +16,9 @@ import time
 import libcurl
 import pytest
 from conftest import ENVIRONMENT, IS_SANITIZED, IS_STATIC, Answer, impossible_under_translator, preloading
-from scripted_server import AWAIT_CLOSE, READ_REQUEST, pause, reply
+from scripted_server import AWAIT_CLOSE, READ_REQUEST, OK, pause, reply
 
-HALF_A_BODY = b"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nhalf\0"
+HALF_A_BODY = OK + b"Content-Length: 10\r\n\r\nhalf\0"
 
 # TIMEOUT, seconds for connecting, seconds for the whole request.
 ROUNDING = [("2000", 2, 4), ("", 2, 4), ("1500", 1, 3), ("999", None, 1), (" +1999x", 1, 3)]

@@ -10,16 +10,32 @@ READ_REQUEST = object()  # wait for one whole request and record it
 AWAIT_CLOSE = object()  # wait until the peer has closed the connection
 RESET = object()  # abort the connection with a TCP reset
 
+OK = b"HTTP/1.1 200 OK\r\n"
+
 
 def pause(seconds):
     """A step that waits, for the answers of a slow server."""
     return lambda _: time.sleep(seconds)
 
 
+def trickle(pieces):
+    """A step that sends each piece by itself, for as long as the peer takes them."""
+
+    def send(connection):
+        connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        for piece in pieces:
+            connection.sendall(piece)
+
+    return send
+
+
 def reply(status, body=b"", *header_lines):
     """The bytes of a response that announces its length and the end of the connection."""
     head = [f"HTTP/1.1 {status} Whatever", f"Content-Length: {len(body)}", "Connection: close", *header_lines]
     return "\r\n".join(head).encode() + b"\r\n\r\n" + body
+
+
+RESPONSE = reply(200, b"ok")
 
 
 class ScriptedServer:
@@ -49,6 +65,10 @@ class ScriptedServer:
         self._thread.join()
         self._stopped.close()
         self._listener.close()
+
+    def get(self, target=b"/", lines=b"Accept: */*\r\n"):
+        """The GET request that asks this server for `target`; `lines` are those behind the Host line."""
+        return b"GET %s HTTP/1.1\r\nHost: 127.0.0.1:%d\r\n%s\r\n" % (target, self.port, lines)
 
     def _serve(self):
         scripts = iter(self._scripts)
