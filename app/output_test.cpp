@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "testing/bytes.h"
 #include "testing/descriptors.h"
 #include "testing/failing_allocation.h"
 #include "testing/interruptions.h"
@@ -20,6 +21,7 @@ namespace webreq {
 namespace {
 
 using namespace std::string_literals;
+using test_support::allBytes;
 using test_support::allocationCount;
 using test_support::Channel;
 using test_support::Descriptor;
@@ -28,17 +30,11 @@ using test_support::fileExists;
 using test_support::Interruptions;
 using test_support::makePipe;
 using test_support::makeTemporaryFile;
-using test_support::readAll;
 using test_support::readFile;
+using test_support::readFromStart;
 using test_support::Redirection;
 using test_support::TemporaryFolder;
 using test_support::writeFile;
-
-std::string allBytes() {
-  std::string bytes;
-  for (int byte = 0; byte < 256; ++byte) bytes += static_cast<char>(byte);
-  return bytes;
-}
 
 // A megabyte without repetitions, so that no part of it can take another's place.
 std::string makeLongText() {
@@ -70,8 +66,7 @@ TEST(WriteToStandardOutput, WritesExactlyTheBytes) {
   for (const auto& row : kRows) {
     const Descriptor output = makeTemporaryFile();
     EXPECT_TRUE(writeTo(output, row.bytes)) << row.rule;
-    lseek(output.number(), 0, SEEK_SET);
-    EXPECT_TRUE(readAll(output) == row.bytes) << row.rule;
+    EXPECT_TRUE(readFromStart(output) == row.bytes) << row.rule;
   }
 }
 

@@ -11,7 +11,7 @@ namespace {
 
 enum Field : std::size_t { kUrl, kParam, kCmd, kHeader, kAgent, kTimeout, kOutfile };
 
-// Bars after the description, so that every field exists however few the caller wrote.
+// Bars after the description, so that every field exists however few the caller wrote. Six would do.
 const char* const kFurtherFields = "|||||||||||";
 
 void setUnlessEmpty(reqkit::RequestParameters& parameters, char key, const std::string& value) {

@@ -76,7 +76,7 @@ def test_indirect_branches_have_landing_pads():
     """On x86-64 (IBT) and on 64-bit Arm (BTI)."""
     archives = [BUILD / name for name in OWN_LIBRARIES]
     notes = subprocess.run(["readelf", "--notes", *archives], capture_output=True, check=True, text=True).stdout
-    assert notes.count(" IBT,") + notes.count(" BTI,") == notes.count("File: ")
+    assert notes.count(" IBT,") + notes.count(" BTI,") == notes.count("File: ") > 0
 
 
 @pytest.mark.skipif(not IS_STATIC, reason="for the static executable")

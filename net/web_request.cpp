@@ -30,6 +30,7 @@ Request readRequest(RequestParameters& parameters) {
   return request;
 }
 
+// The command line never asks for one; callers of the library do.
 bool isPost(const Request& request) { return request.method == 'p'; }
 
 // A URL that already has a query gets a second "?": the caller's URL is not looked into. "-" stands for "no query".
@@ -57,6 +58,7 @@ void setRequestOptions(CURL* handle, const Request& request, RequestParameters& 
   curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, writeResponseData);
   curl_easy_setopt(handle, CURLOPT_WRITEDATA, &response);
   setNumber(handle, CURLOPT_FOLLOWLOCATION, 1);
+  // Part of the contract, though the answer never changes: libcurl asks whether to go on.
   setNumber(handle, CURLOPT_NOPROGRESS, 0);
   curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, continueTransfer);
   // libcurl doesn't copy the body: request.parameterString has to outlive the transfer.
@@ -68,6 +70,7 @@ bool isHeaderLine(const std::string& line) { return static_cast<std::int32_t>(li
 
 curl_slist* makeHeaderList(const std::string& headerText) {
   std::vector<std::string> lines;
+  // The last line ends as every other does; nothing follows it.
   splitString(headerText + "\r", '\r', lines, false);
   curl_slist* list = nullptr;
   for (std::string& line : lines) {

@@ -10,7 +10,8 @@
 
 namespace reqkit {
 
-// What to request, by one-letter key. An absent key means the same as an empty value.
+// What to request, by the one-letter keys that callers of the library write. An absent key means the same as an empty
+// value.
 //
 //   u  URL, handed to libcurl as it is
 //   p  parameter string: the query of a GET, the body of a POST; never encoded

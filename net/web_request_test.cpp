@@ -14,6 +14,7 @@ namespace {
 
 using namespace std::string_literals;
 using test_support::allocationCount;
+using test_support::AllocationPlan;
 using test_support::FailingAllocation;
 using test_support::inQuotes;
 using test_support::RecordingCurl;
@@ -85,8 +86,6 @@ struct Exchange {
   std::string response = "former";
   RequestParameters parameters = {{'u', "U"}};
 };
-
-using AllocationPlan = FailingAllocation (*)(std::size_t);
 
 std::int32_t executeFailing(Exchange& exchange, AllocationPlan plan, std::size_t argument) {
   const FailingAllocation failing = plan(argument);

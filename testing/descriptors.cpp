@@ -69,6 +69,11 @@ std::string readAll(const Descriptor& descriptor) {
   }
 }
 
+std::string readFromStart(const Descriptor& file) {
+  lseek(file.number(), 0, SEEK_SET);
+  return readAll(file);
+}
+
 std::string readFile(const std::string& path) {
   const Descriptor file(open(path.c_str(), O_RDONLY));
   EXPECT_NE(file.number(), -1) << path;

@@ -58,6 +58,7 @@ class TemporaryFolder {
 // From where the descriptor stands to the end of the file, or until a pipe's last writer closes it.
 std::string readAll(const Descriptor& descriptor);
 
+std::string readFromStart(const Descriptor& file);
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& bytes);
 bool fileExists(const std::string& path);

@@ -20,6 +20,8 @@ class FailingAllocation {
   FailingAllocation(std::size_t first, std::size_t last, std::size_t largest);
 };
 
+using AllocationPlan = FailingAllocation (*)(std::size_t);  // of the three above
+
 // Allocations that the thread's last FailingAllocation counted, and whether it had one fail.
 std::size_t allocationCount();
 bool allocationFailed();

@@ -8,6 +8,7 @@
 #include <functional>
 #include <new>
 
+#include "testing/bytes.h"
 #include "testing/failing_allocation.h"
 
 namespace reqkit {
@@ -15,13 +16,15 @@ namespace reqkit {
 namespace {
 
 using namespace std::string_literals;
+using test_support::allBytes;
 using test_support::allocationFailed;
+using test_support::byteRange;
 using test_support::FailingAllocation;
+using test_support::kByteValues;
 
 using Pieces = std::vector<std::string>;
 
 constexpr const char* kBlanks = " \t";
-constexpr int kByteValues = 256;
 
 Pieces split(const std::string& text, char delimiter, bool keepEmpty) {
   Pieces pieces;
@@ -38,12 +41,6 @@ std::string join(const Pieces& pieces, char delimiter) {
 Pieces withoutEmpty(Pieces pieces) {
   pieces.erase(std::remove(pieces.begin(), pieces.end(), ""), pieces.end());
   return pieces;
-}
-
-std::string byteRange(int first, int end) {
-  std::string bytes;
-  for (int byte = first; byte < end; ++byte) bytes += static_cast<char>(byte);
-  return bytes;
 }
 
 // Calls `use` with every string of up to `length` bytes of `alphabet`.
@@ -111,7 +108,7 @@ TEST(SplitString, CutsAtTheDelimiterAndTrims) {
 }
 
 TEST(SplitString, EveryByteValueCanBeTheDelimiter) {
-  const std::string text = byteRange(0, kByteValues);
+  const std::string text = allBytes();
   for (int byte = 0; byte < kByteValues; ++byte) {
     const Pieces halves = {trimString(byteRange(0, byte), kBlanks),
                            trimString(byteRange(byte + 1, kByteValues), kBlanks)};
@@ -229,11 +226,10 @@ TEST(TrimString, EveryByteValueCanBeInTheSet) {
 }
 
 TEST(TrimString, EveryByteValueCanBeOutsideTheSet) {
-  const std::string allBytes = byteRange(0, kByteValues);
   for (int byte = 0; byte < kByteValues; ++byte) {
     const std::string others = byteRange(0, byte) + byteRange(byte + 1, kByteValues);
     const std::string middle = byteRange(byte, kByteValues) + byteRange(0, byte + 1);
-    EXPECT_EQ(trimString(allBytes + allBytes, others), middle) << "byte " << byte;
+    EXPECT_EQ(trimString(allBytes() + allBytes(), others), middle) << "byte " << byte;
   }
 }
 
@@ -292,7 +288,7 @@ TEST(ReplaceAll, ReplacesFromLeftToRight) {
 }
 
 TEST(ReplaceAll, EveryByteValueCanBeReplaced) {
-  const std::string source = byteRange(0, kByteValues);
+  const std::string source = allBytes();
   for (int byte = 0; byte < kByteValues; ++byte) {
     const std::string result = byteRange(0, byte) + "new" + byteRange(byte + 1, kByteValues);
     EXPECT_EQ(replaceAll(source, std::string(1, static_cast<char>(byte)), "new"), result) << "byte " << byte;

@@ -1,5 +1,5 @@
-// Preloaded into the tool: lets allocations fail from main's beginning on. See e2e/heavy/faults.py, which runs it. A static
-// executable is linked with it instead, and with the linker's option --wrap for what is replaced.
+// Preloaded into the tool: lets allocations fail from main's beginning on. See e2e/heavy/faults.py, which runs it. A
+// static executable is linked with it instead, and with the linker's option --wrap for what is replaced.
 //
 // FAIL_FIRST and FAIL_LAST name the allocations that fail, counted from 1. The size of the first that does, a size_t,
 // is written to the descriptor FAIL_REPORT.
