@@ -1,4 +1,16 @@
-# End-to-end tests of the built tool; unit tests beside the code, linked with a recording libcurl.
+# End-to-end tests of the built tool, e2e/test_<name>.py; unit tests, <name>_test.cpp, linked with a recording libcurl.
+set(end_to_end_tests command_line environment examples failures hardening headers misbehaving_servers output proxies readme
+  redirects resolver responses server static system_calls timeouts tls)
+set(unit_tests text/strings net/web_request app/request_description app/response_reservation app/usage app/output
+  app/process_setup app/front_end testing/interruptions testing/recording_curl)
+
+list(TRANSFORM end_to_end_tests REPLACE "(.+)" "e2e/test_\\1.py" OUTPUT_VARIABLE listed)
+list(TRANSFORM unit_tests REPLACE "(.+)" "\\1_test.cpp" OUTPUT_VARIABLE listed_units)
+file(GLOB unlisted RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS e2e/test_*.py */*_test.cpp)
+list(REMOVE_ITEM unlisted ${listed} ${listed_units})
+if(unlisted)
+  message(FATAL_ERROR "cmake/Tests.cmake doesn't list ${unlisted}, which would never run.")
+endif()
 
 # Debian's pytest, or the one that scripts/setup installs where there are no packages of it.
 find_program(PYTEST NAMES pytest-3 pytest HINTS ${PROJECT_SOURCE_DIR}/build/venv/bin REQUIRED)
@@ -18,26 +30,22 @@ foreach(name webreq fetch_example)
   endif()
 endforeach()
 
-# The cases of e2e/test_<name>.py, `processes` at a time.
-function(add_end_to_end_test name processes)
-  add_test(NAME e2e/${name}
-    COMMAND ${PYTEST} -n ${processes} ${PROJECT_SOURCE_DIR}/e2e/test_${name}.py)
+set(processes_resolver 4)
+set(processes_timeouts 12)
+foreach(name IN LISTS end_to_end_tests)
+  if(NOT DEFINED processes_${name})
+    set(processes_${name} 0)
+  endif()
+  add_test(NAME e2e/${name} COMMAND ${PYTEST} -n ${processes_${name}} ${PROJECT_SOURCE_DIR}/e2e/test_${name}.py)
   set_tests_properties(e2e/${name} PROPERTIES
     TIMEOUT 120
     ENVIRONMENT "WEBREQ=${webreq};FETCH_EXAMPLE=${fetch_example};${translator};PYTHONDONTWRITEBYTECODE=1")
-endfunction()
-
-add_end_to_end_test(resolver 4)
-add_end_to_end_test(timeouts 12)
+endforeach()
 # Their waits run side by side, and nothing else beside them.
 set_tests_properties(e2e/resolver e2e/timeouts PROPERTIES RUN_SERIAL ON)
 set_tests_properties(e2e/resolver PROPERTIES SKIP_RETURN_CODE 5)  # "no tests ran": where no network can be made
-foreach(name command_line environment examples failures headers misbehaving_servers output proxies readme redirects
-    responses server static system_calls tls)
-  add_end_to_end_test(${name} 0)
-endforeach()
-if(CMAKE_BUILD_TYPE STREQUAL "Release")
-  add_end_to_end_test(hardening 0)
+if(NOT CMAKE_BUILD_TYPE STREQUAL "Release")
+  set_tests_properties(e2e/hardening PROPERTIES DISABLED ON)
 endif()
 
 # Preloaded into the tool by tests in e2e/.
@@ -75,23 +83,15 @@ add_library(test_support OBJECT
   testing/descriptors.cpp testing/failing_allocation.cpp testing/interruptions.cpp testing/recording_curl.cpp)
 target_link_libraries(test_support PUBLIC reqkit GTest::gtest PRIVATE compiler_options)
 
-# The unit tests of one source file: add_unit_test(folder name library)
-function(add_unit_test folder name library)
-  add_executable(${name}_test ${folder}/${name}_test.cpp)
-  target_link_libraries(${name}_test PRIVATE test_support ${library} compiler_options GTest::gtest_main)
+foreach(test IN LISTS unit_tests)
+  get_filename_component(name ${test} NAME)
+  add_executable(${name}_test ${test}_test.cpp)
+  target_link_libraries(${name}_test PRIVATE test_support compiler_options GTest::gtest_main)
+  if(test MATCHES "^app/")
+    target_link_libraries(${name}_test PRIVATE front_end)
+  endif()
   gtest_discover_tests(${name}_test PROPERTIES TIMEOUT 60 DISCOVERY_TIMEOUT 60)
-endfunction()
-
-add_unit_test(text strings reqkit)
-add_unit_test(net web_request reqkit)
-add_unit_test(app request_description front_end)
-add_unit_test(app response_reservation front_end)
-add_unit_test(app usage front_end)
-add_unit_test(app output front_end)
-add_unit_test(app process_setup front_end)
-add_unit_test(app front_end front_end)
-add_unit_test(testing interruptions reqkit)
-add_unit_test(testing recording_curl reqkit)
+endforeach()
 
 option(WEBREQ_FUZZ "Build the fuzz targets" OFF)
 

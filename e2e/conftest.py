@@ -4,6 +4,7 @@ import contextlib
 import datetime
 import os
 import pathlib
+import re
 import socket
 import ssl
 import subprocess
@@ -19,6 +20,12 @@ from scripted_server import ScriptedServer
 
 REPOSITORY = pathlib.Path(__file__).parent.parent
 WEBREQ = os.path.abspath(os.environ.get("WEBREQ", REPOSITORY / "build/release/webreq"))
+
+# The project's.
+VERSION, DATE = re.search(
+    r'^project\(webreq VERSION (\S+) .*\nset\(WEBREQ_DATE "(.*)"\)', (REPOSITORY / "CMakeLists.txt").read_text(), re.M
+).groups()
+BUILD_DATE = datetime.datetime.strptime(DATE, "%B %d, %Y")
 
 # The build's folder and the executable in it, which says itself what it is; WEBREQ may be a script that has valgrind or
 # an emulator run that.

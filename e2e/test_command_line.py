@@ -1,10 +1,11 @@
 """Which argument is the request, how its fields are read, and what a command line without one gets."""
 
 import pytest
-from conftest import ENVIRONMENT, Answer
+from conftest import BUILD_DATE, ENVIRONMENT, VERSION, Answer
 from scripted_server import reply
 
-BANNER = b"webreq v4.1.47 (20251001) / reqkit 4.1.6\n\n"
+# Made of digits of its own.
+BANNER = f"webreq v{VERSION} ({BUILD_DATE:%Y%m%d}) / reqkit 4.1.6\n\n".encode()
 USAGE = b"""
 -web URL|PARAM|CMD|HEADER|AGENT|TIMEOUT|OUTFILE \t executes a web request with the given parameters
 \tURL is the full server URL to access, prefixed with either "http://" or "https://"

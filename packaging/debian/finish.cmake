@@ -3,6 +3,7 @@
 set(files ${CPACK_TEMPORARY_DIRECTORY})
 set(share ${files}/usr/share)
 
+string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)  # SOURCE_DATE_EPOCH's
 configure_file(${CMAKE_CURRENT_LIST_DIR}/changelog ${share}/doc/${CPACK_PACKAGE_NAME}/changelog.Debian @ONLY)
 set(overrides ${CMAKE_CURRENT_LIST_DIR}/../../static/lintian-overrides)
 if(CPACK_PACKAGE_NAME STREQUAL "webreq-static")
