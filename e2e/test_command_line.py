@@ -91,6 +91,7 @@ def test_without_a_url_no_file_is_created(tool, tmp_path):
         ("|a=1|Patch", "/p?p"),
         ("|a=1| p ", "/p?p"),
         ("||POST", "/p?p"),
+        ("%7C|a=%7C", "/p%7C?a=%7C"),
         ("|-", "/p"),
         ("|--", "/p?--"),
         ("| - ", "/p"),

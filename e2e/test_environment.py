@@ -1,6 +1,8 @@
-"""Variables and files around a run: libcurl reads a few, the tool none."""
+"""Variables and files around a run: the libraries read a few, the tool none."""
 
-from conftest import ANSWERED, ENVIRONMENT
+import libcurl
+import pytest
+from conftest import ANSWERED, ENVIRONMENT, IS_STATIC, Answer
 from scripted_server import RESPONSE
 
 
@@ -9,3 +11,25 @@ def test_netrc_is_not_read(tool, tmp_path, serve):
     server = serve(RESPONSE)
     assert tool.request(server.url, env={**ENVIRONMENT, "HOME": str(tmp_path)}) == ANSWERED
     assert server.requests == [server.get()]
+
+
+# A configuration that names a library which isn't there.
+OPENSSL_CONF = """
+openssl_conf = all
+[all]
+providers = some
+[some]
+missing = one
+[one]
+module = /no/such/module.so
+activate = 1
+"""
+
+
+@pytest.mark.skipif(not IS_STATIC and libcurl.openssl_version() < (3, 0, 0), reason="another TLS library")
+def test_configuration_of_openssl_is_the_systems_own_matter(tool, nginx, tmp_path):
+    (tmp_path / "openssl.cnf").write_text(OPENSSL_CONF)
+    answer = tool.request(
+        nginx.https_url + "/empty", env={**ENVIRONMENT, "OPENSSL_CONF": str(tmp_path / "openssl.cnf")}
+    )
+    assert answer == Answer(b"204\n" if IS_STATIC else b"35\n")

@@ -1,12 +1,26 @@
-"""What the README and the manual page show is what happens, and the changelog is about this version."""
+"""What the README and the manual page show is what happens, and the documents agree with each other."""
 
 import os
+import pathlib
 import re
+import resource
+import signal
+import socket
+import sys
 
 import pytest
-from conftest import BUILD_DATE, ENVIRONMENT, REPOSITORY, VERSION, Answer
+from conftest import (
+    BUILD_DATE,
+    ENVIRONMENT,
+    IS_SANITIZED,
+    IS_STATIC,
+    REPOSITORY,
+    VERSION,
+    Answer,
+    impossible_under_translator,
+)
 from nginx import HTTP_PORT, HTTPS_PORT
-from scripted_server import reply
+from scripted_server import READ_REQUEST, reply
 
 
 def read(path):
@@ -14,19 +28,30 @@ def read(path):
 
 
 README = read("README.md")
+RELIABILITY = read("docs/reliability.md")
+
+
+def unescape(roff):
+    for escape, shown in [(r"\(aq", "'"), (r"\-", "-"), (r"\e", "\\"), (r"\ ", " ")]:
+        roff = roff.replace(escape, shown)
+    return roff
+
+
+MANUAL = unescape(read("docs/webreq.1"))
+
+each_document = pytest.mark.parametrize("text", [README, MANUAL], ids=["readme", "manual"])
 
 
 def blocks(language):
-    return "".join(re.findall(rf"```{language}\n(.*?)```", README, re.DOTALL))
+    return re.findall(rf"```{language}\n(.*?)```", README, re.DOTALL)
+
+
+SEPARATE, KEEP_OLD_FILE = blocks("sh")
 
 
 def manual_examples():
     """The manual page's displays as they are shown."""
-    source = read("docs/webreq.1")
-    displays = "".join(re.findall(r"^\.Bd -literal.*\n((?:(?!\.Ed).*\n)*)", source, re.MULTILINE))
-    for escape, shown in [(r"\(aq", "'"), (r"\-", "-"), (r"\e", "\\")]:
-        displays = displays.replace(escape, shown)
-    return displays
+    return "".join(re.findall(r"^\.Bd -literal.*\n((?:(?!\.Ed).*\n)*)", MANUAL, re.MULTILINE))
 
 
 def console_examples(text):
@@ -45,7 +70,7 @@ def shell(tool, tmp_path):
     return lambda line, **variables: tool.run_command(["sh", "-c", line], env={**environment, **variables})
 
 
-@pytest.mark.parametrize("text", [blocks("console"), manual_examples()], ids=["readme", "manual"])
+@pytest.mark.parametrize("text", ["".join(blocks("console")), manual_examples()], ids=["readme", "manual"])
 def test_console_examples(shell, nginx, text):
     for command, printed in console_examples(text):
         command = command.replace(f"http://127.0.0.1:{HTTP_PORT}", nginx.http_url)
@@ -55,9 +80,153 @@ def test_console_examples(shell, nginx, text):
 
 @pytest.mark.parametrize("body", ["", "one line", "\n", "ends with line feeds\n\n", ".", "a\n.\nb."], ids=repr)
 def test_shell_caller(shell, serve, body):
-    caller = blocks("sh") + 'printf \'%s|%s|\' "$result" "$body"'
+    caller = SEPARATE + 'printf \'%s|%s|\' "$result" "$body"'
     server = serve(reply(404, body.encode()))
     assert shell(caller, url=server.url) == Answer(f"404|{body}|".encode())
+
+
+@pytest.fixture
+def refused_url():
+    with socket.socket() as bound:  # bound but not listening: nobody else can take the port
+        bound.bind(("127.0.0.1", 0))
+        yield f"http://127.0.0.1:{bound.getsockname()[1]}/"
+
+
+def test_server_that_is_down_empties_the_output_file(tool, tmp_path, refused_url):
+    (tmp_path / "page").write_text("former")
+    assert tool.request(f"{refused_url}||||||page") == Answer(b"7\n")
+    assert (tmp_path / "page").read_text() == ""
+
+
+def test_shell_caller_that_keeps_the_old_file(shell, tmp_path, serve, refused_url):
+    def run(url):
+        assert shell(KEEP_OLD_FILE, url=url, file="page") == Answer(b"")
+        assert not (tmp_path / "page.new").exists()
+        return (tmp_path / "page").read_text()
+
+    server = serve(reply(200, b"one"), reply(404, b"none"), reply(200, b"two"))
+    assert [run(url) for url in (server.url, refused_url, server.url, server.url)] == ["one", "one", "one", "two"]
+
+
+@each_document
+def test_two_headers(shell, serve, text):
+    server = serve(reply(200))
+    command = re.search(r"printf '[^']*X-B[^']*'", text)[0]
+    assert shell(f'webreq -web "$url|||$({command})"', url=server.url) == Answer(b"200\n")
+    assert server.requests[0].endswith(b"Accept: */*\r\nX-A: 1\r\nX-B: 2\r\n\r\n")
+
+
+def test_headers_as_the_usage_text_has_them_are_one(tool, serve):
+    server = serve(reply(200))
+    header = re.search(rb'in the format "(.*)"', tool.run().stdout)[1]
+    assert tool.request(server.url.encode() + b"|||" + header) == Answer(b"200\n")
+    assert server.requests[0].endswith(b"Accept: */*\r\n" + header + b"\r\n\r\n")
+
+
+@pytest.mark.skipif(
+    sys.platform != "linux" or os.sysconf("SC_PAGE_SIZE") != 4096, reason="Linux allows an argument 32 pages"
+)
+@each_document
+def test_longest_description(tool, shell, tmp_path, text):
+    longest = "|" * int(re.search(r"On Linux a\s+description may have ([\d,]+) bytes", text)[1].replace(",", ""))
+    assert tool.request(longest) == Answer(b"-1\n")
+    with pytest.raises(OSError, match="Argument list too long"):
+        tool.request(longest + "|")
+    (tmp_path / "description").write_text(longest + "|")
+    answer = shell('webreq -web "$(cat description)"')
+    assert (answer.stdout, answer.status) == (b"", 126)
+
+
+def limit_descriptors(count):
+    return lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (count, count))
+
+
+@pytest.mark.skipif(sys.platform != "linux" or IS_SANITIZED, reason="about Linux's loader; sanitizers take descriptors")
+@impossible_under_translator("it would lack descriptors")
+def test_too_few_descriptors(tool, serve):
+    """The loader or libcurl lacks some; each run has one more than the run before."""
+    server = serve(*[reply(200)] * 12)
+    answers = [tool.request(server.url, preexec_fn=limit_descriptors(3 + i)) for i in range(12)]
+    first = {Answer(b"27\n")} if IS_STATIC else {answer for answer in answers if answer.status == 127}
+    assert answers[0] in first and answers[-1] == Answer(b"200\n")
+    assert IS_STATIC or answers[0].stdout == b"" and b"error while loading shared libraries" in answers[0].stderr
+    assert set(answers) == {*first, Answer(b"7\n"), Answer(b"200\n")}
+
+
+def test_tool_that_is_killed(shell, tmp_path, serve):
+    def kill(_):
+        os.kill(int((tmp_path / "pid").read_text()), signal.SIGKILL)
+
+    server = serve([READ_REQUEST, kill])
+    answer = shell("sh -c 'echo $$ >pid; exec webreq -web \"$url|||||60000\"'; exit $?", url=server.url)
+    assert (answer.stdout, answer.status) == (b"", 137)
+
+
+def table(text, first_heading):
+    """The rows of a table, lists of cells, by their first cells."""
+    rows = re.search(rf"^\| {first_heading} \|.*\n\|[-:| ]+\n((?:\|.*\n)+)", text, re.MULTILINE)[1].splitlines()
+    cells = [[cell.strip() for cell in row.split("|")[1:-1]] for row in rows]
+    return {row[0]: row[1:] for row in cells}
+
+
+def manual_list(heading):
+    """The items of the manual page's list below a heading: texts by tags, both without macros."""
+    items = re.search(rf"^\.Ss {heading}\n.*?\.Bl .*?\n(.*?)^\.El", MANUAL, re.DOTALL | re.MULTILINE)[1]
+    texts = [re.sub(r"^\.[A-Z][a-z] ", "", item, flags=re.MULTILINE) for item in items.split(".It ")[1:]]
+    return {tag.removeprefix("Ar "): " ".join(text.split()) for tag, text in (item.split("\n", 1) for item in texts)}
+
+
+def test_fields_are_the_same_everywhere(tool):
+    of_readme, of_manual = table(README, "field"), manual_list("The fields")
+    assert list(of_readme) == list(of_manual)
+    assert "|".join(of_readme).encode() in tool.run().stdout
+    numbers_of_readme = {name: set(re.findall(r"\d+", " ".join(row))) for name, row in of_readme.items()}
+    assert numbers_of_readme == {name: set(re.findall(r"\d+", text)) for name, text in of_manual.items()}
+    default = re.search(r"'t', \"(\d+)\"", read("app/request_description.cpp"))[1]
+    assert of_readme["TIMEOUT"][-1].startswith(default) and f"it is {default}:" in of_manual["TIMEOUT"]
+
+
+def test_results_are_the_same_everywhere():
+    advice_of_readme = {result: row[-1] for result, row in table(README, "result").items()}
+    advice = {
+        result: re.search(r"(?:Try again: (.*)\.)?$", text)[1] for result, text in manual_list("The answer").items()
+    }
+    assert advice_of_readme == {result: text or "" for result, text in advice.items()}
+    assert len(advice_of_readme) > 10
+
+
+def exists(name):
+    """Is there a file, a suite of unit tests ("Suite.*") or a check ("scripts/check NAME ...") of this name?"""
+    if name.startswith("scripts/check "):
+        return all(f"\ncheck_{check}() " in read("scripts/check") for check in name.split()[1:])
+    if name.endswith(".*"):
+        tests = "".join(
+            read(path) for folder in ("app", "net", "text") for path in REPOSITORY.glob(f"{folder}/*_test.cpp")
+        )
+        return f"\nTEST({name[:-2]}, " in tests
+    return any((REPOSITORY / folder / name).is_file() for folder in ("", "e2e", "e2e/heavy", "app", "net", "text"))
+
+
+def test_reliability_names_tests_that_exist():
+    shown_by = " ".join(row[-1] for row in table(RELIABILITY, "what goes wrong").values())
+    named = re.findall(r"`(.*?)`", shown_by)
+    named += re.findall(r"`([\w/]+\.(?:cpp|py))`", RELIABILITY)
+    assert len(named) > 30
+    assert [name for name in named if not exists(name)] == []
+
+
+def anchors(text):
+    """The names that a page gives its headings."""
+    headings = re.findall(r"^#+ (.*)", text, re.MULTILINE)
+    return {re.sub(r"[^\w -]", "", heading.lower()).replace(" ", "-") for heading in headings}
+
+
+@pytest.mark.parametrize("page", ["README.md", "CONTRIBUTING.md", "docs/reliability.md", "docs/performance.md"])
+def test_links_lead_somewhere(page):
+    for path, anchor in re.findall(r"\]\((?!https?:)([^)#]*)#?([^)]*)\)", read(page)):
+        target = pathlib.Path(page).parent / path if path else page
+        assert (REPOSITORY / target).exists(), path
+        assert not anchor or anchor in anchors(read(target)), anchor
 
 
 def test_changelog_begins_with_the_version():

@@ -10,6 +10,7 @@ import socketserver
 import threading
 import time
 
+import libcurl
 import own_network
 import pytest
 from conftest import ENVIRONMENT, EXECUTABLE, IS_SANITIZED, IS_STATIC, WEBREQ, Answer, impossible_under_translator
@@ -262,6 +263,20 @@ def test_address_that_answers_is_found(request_by_name, records, port, body):
 def test_name_server_that_refuses(request_by_name):
     answer, seconds, _ = request_by_name("http://host.test/|||||30000", refused)
     assert answer == NOT_FOUND and seconds < PROMPT
+
+
+def one_kind(query, transport):
+    """Addresses of the other kind are not answered."""
+    return zone(HERE)(query, transport) if query.question[0].rdtype == dns.rdatatype.A else None
+
+
+@pytest.mark.skipif(IS_STATIC, reason="the system's resolver takes its time")
+@pytest.mark.parametrize("name_server, seconds", [(silent, 10), (one_kind, 15)])
+def test_silent_name_server_outlasts_the_time_out(request_by_name, name_server, seconds):
+    """Newer versions of libcurl wait for it; older ones break off at the time-out."""
+    answer, taken, _ = request_by_name("http://host.test/", name_server)
+    assert answer == TIMED_OUT
+    assert taken >= seconds if libcurl.answer("hanging resolver") else 2 <= taken < seconds
 
 
 @only_static
