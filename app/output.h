@@ -1,4 +1,4 @@
-// Gets bytes out whole, whatever interrupts. Nothing here allocates memory or uses stdio, which needs memory for its
+// Writes all bytes, in spite of interruptions. Nothing here allocates memory or uses stdio, which needs memory for its
 // buffer and loses bytes where a signal or a non-blocking pipe interrupts it.
 #pragma once
 
@@ -11,8 +11,8 @@ namespace webreq {
 bool writeToStandardOutput(std::string_view bytes) noexcept;
 
 // Makes the file at `path` hold `bytes`: it is created, readable and writable by everyone, less the umask, or
-// truncated. A file that can't be opened or written is skipped: the caller has its result line and finds out by the
-// file.
+// truncated. A file that can't be opened or written is skipped: the caller has its result line and learns the rest
+// from the file.
 void writeOutputFile(const std::string& path, std::string_view bytes) noexcept;
 
 }  // namespace webreq

@@ -14,8 +14,8 @@ constexpr std::size_t kMebibyte = std::size_t{1} << 20U;
 
 constexpr std::size_t kCapacity = 1024 * kMebibyte;
 
-// What has to be free for it: the capacity, its double for a body that outgrows it, and room for libcurl. So the
-// reservation never takes what a body or libcurl then needs.
+// The address space that must be free: the capacity, its double for a body that outgrows it, and room for libcurl. So
+// the reservation never takes the space that a body or libcurl needs later.
 constexpr std::size_t kNeeded = 3 * kCapacity + 256 * kMebibyte;
 
 bool isFree(std::size_t size) {

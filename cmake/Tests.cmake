@@ -41,7 +41,7 @@ foreach(name IN LISTS end_to_end_tests)
     TIMEOUT 120
     ENVIRONMENT "WEBREQ=${webreq};FETCH_EXAMPLE=${fetch_example};${translator};PYTHONDONTWRITEBYTECODE=1")
 endforeach()
-# Their waits run side by side, and nothing else beside them.
+# Their cases wait in parallel, and no other test runs at the same time.
 set_tests_properties(e2e/resolver e2e/timeouts PROPERTIES RUN_SERIAL ON)
 set_tests_properties(e2e/resolver PROPERTIES SKIP_RETURN_CODE 5)  # "no tests ran": where no network can be made
 if(NOT CMAKE_BUILD_TYPE STREQUAL "Release")

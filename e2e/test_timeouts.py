@@ -1,4 +1,4 @@
-"""TIMEOUT in milliseconds becomes whole seconds: a thousandth of it for connecting, a 500th for the whole request.
+"""A TIMEOUT of t milliseconds becomes whole seconds: t/1000 for connecting, t/500 for the whole request.
 
 The unit tests pin the numbers that libcurl gets; these cases show that they take effect. A run may last longer than
 its time-out on a busy machine, so the upper bounds are wide: connecting ends before the whole request would.

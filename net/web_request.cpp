@@ -81,7 +81,7 @@ curl_slist* makeHeaderList(const std::string& headerText) {
   return list;
 }
 
-// By design, for every request: neither who issued the server's certificate nor the name in it is looked at.
+// By design, for every request: neither the issuer of the server's certificate nor the name in it is checked.
 void turnVerificationOff(CURL* handle) {
   setNumber(handle, CURLOPT_SSL_VERIFYPEER, 0);
   setNumber(handle, CURLOPT_SSL_VERIFYHOST, 0);
@@ -97,7 +97,7 @@ std::int32_t readStatusCode(CURL* handle) {
 // tells whether the request can be performed.
 //
 // An exception passes through here with the handle, the header list and libcurl's global state left as they are:
-// memory has run out and the process is about to end, so no further call is made into libcurl. Owners for them would
+// memory has run out and the process is about to end, so no further call is made into libcurl. Owning wrappers would
 // make those calls.
 std::int32_t performTransfer(std::string& response, RequestParameters& parameters) {
   Request request = readRequest(parameters);

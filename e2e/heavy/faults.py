@@ -24,11 +24,11 @@ PAGE = bytes(range(256)) * 400  # libcurl delivers it in several chunks
 FEWEST = 60 if TRANSLATOR else 100
 
 # Failures that cost the answer: how the run ends, and the allocation's size. None is the tool's. libcurl 7.54.0 gives
-# out a handle without a receive buffer when it can't allocate one, and writes to the buffer all the same. OpenSSL 3.5
-# reports that it lacks one of its first two locks, for which it waits for them; without a thread's data it aborts.
+# out a handle without a receive buffer when it can't allocate one, and writes to the buffer all the same. To report
+# that it lacks one of its first two locks, OpenSSL 3.5 waits for these locks; without a thread's data it aborts.
 OF_LIBCURL = [("crash", 16_385)] if libcurl.answer("no receive buffer, but a handle") else []
 OF_OPENSSL = [("hang", 56), ("hang", 56), ("abort", 240)] if libcurl.openssl_version() >= (3, 5, 0) else []
-# Where all that follow fail, too, and libcurl goes on with a set-up of OpenSSL whose first step has failed.
+# Where all later allocations fail, too, and libcurl continues OpenSSL's set-up though its first step has failed.
 BOTH_HANG = OF_OPENSSL and libcurl.answer("sets OpenSSL up in steps")
 OF_BOTH = [("hang", size) for size in (16, 32, 48, 56, 56, 56, 56, 56, 96)] if BOTH_HANG else []
 

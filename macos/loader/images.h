@@ -11,8 +11,8 @@ namespace macho {
 // Keeps an image, the executable first, then libunwind. Returns where it is from now on.
 const Image& addImage(const Image& image);
 
-// Finds an import as bind() asks for it: in the images alone if it is weak, else in the library, of which libunwind is
-// a part if that is libSystem. Refuses what isn't known.
+// Finds an import as bind() asks for it: a weak one in the images alone, any other in the library; libSystem includes
+// libunwind. Refuses what isn't known.
 const void* findImport(std::string_view library, std::string_view symbol);
 
 // As libunwind has it.
