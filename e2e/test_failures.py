@@ -1,12 +1,10 @@
 """Requests that no server answers: libcurl's error code is the result, and there is no body."""
 
-import pathlib
 import resource
-import sys
 
 import libcurl
 import pytest
-from conftest import WEBREQ, Answer
+from conftest import IS_SANITIZED, Answer, impossible_on_macos
 from scripted_server import reply
 
 NO_SUCH_HOST = "a" * 64 + ".invalid"  # a label longer than names may have: no resolver is asked
@@ -58,13 +56,12 @@ def limit_address_space(mebibytes):
     return lambda: resource.setrlimit(resource.RLIMIT_AS, (limit, limit))
 
 
-has_limits = pytest.mark.skipif(
-    b"__asan_init" in pathlib.Path(WEBREQ).read_bytes() or sys.platform == "darwin",
-    reason="the sanitizers need terabytes of address space, and macOS has no limit to it",
-)
+has_room = pytest.mark.skipif(IS_SANITIZED, reason="the sanitizers need terabytes of address space")
+has_limit = impossible_on_macos("no limit to the address space")
 
 
-@has_limits
+@has_room
+@has_limit
 @pytest.mark.parametrize("mebibytes", [300, 1100, 3400])
 @pytest.mark.parametrize("scheme", ["http", "https"])
 def test_scarce_address_space_suffices(tool, nginx, mebibytes, scheme):

@@ -3,12 +3,11 @@
 import json
 import os
 import subprocess
-import sys
 
 import pytest
-from conftest import BUILD, EXECUTABLE, IS_STATIC, REPOSITORY
+from conftest import BUILD, EXECUTABLE, REPOSITORY, impossible_on_macos, only_static
 
-pytestmark = pytest.mark.skipif(sys.platform != "linux", reason="looks into ELF files")
+pytestmark = impossible_on_macos("no ELF files")
 
 OWN_LIBRARIES = ["libfront_end.a", "libreqkit.a"]
 
@@ -79,11 +78,11 @@ def test_indirect_branches_have_landing_pads():
     assert notes.count(" IBT,") + notes.count(" BTI,") == notes.count("File: ") > 0
 
 
-@pytest.mark.skipif(not IS_STATIC, reason="for the static executable")
+@only_static
 def test_nothing_is_loaded(headers):
     assert not any("NEEDED" in line or line.startswith("INTERP") for line in headers)
 
 
-@pytest.mark.skipif(not IS_STATIC, reason="for the static executable")
+@only_static
 def test_no_path_of_the_machine_that_built_it():
     assert os.fsencode(REPOSITORY) not in EXECUTABLE.read_bytes()

@@ -2,16 +2,14 @@
 
 import os
 import socket
-import subprocess
-import sys
 import threading
 
 import pytest
-from conftest import ENVIRONMENT, Answer
+from conftest import Answer, impossible_on_macos
 from nginx import Nginx
 from scripted_server import OK, reply
 
-needs_full = pytest.mark.skipif(not os.path.exists("/dev/full"), reason="no /dev/full here")
+needs_full = impossible_on_macos("no /dev/full")
 
 BODY = b"a body\0with NUL"
 
@@ -45,7 +43,7 @@ def test_absolute_path_with_blanks_inside(tool, tmp_path, url):
     assert (tmp_path / "my  out").read_bytes() == BODY
 
 
-@pytest.mark.skipif(sys.platform == "darwin", reason="its file systems refuse such names")
+@impossible_on_macos("file systems refuse such names")
 def test_name_that_is_no_utf8(tool, tmp_path, url):
     assert tool.request(url.encode() + b"||||||\xff\xfe") == Answer(b"200\n")
     assert [os.fsencode(path.name) for path in tmp_path.iterdir()] == [b"\xff\xfe"]
@@ -108,15 +106,10 @@ def test_standard_output_as_the_file_gets_the_body_without_a_line_feed(tool, url
     assert tool.request(f"{url}||||||/dev/stdout") == Answer(b"200\n" + BODY)
 
 
-def start(tool, description):
-    command = [tool.path, "-web", description]
-    return subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=ENVIRONMENT)
-
-
 def test_result_line_comes_before_the_file_is_touched(tool, tmp_path, url):
     """The output file is a FIFO, which the tool can't open before this test reads from it."""
     os.mkfifo(tmp_path / "fifo")
-    with start(tool, f"{url}||||||fifo") as process:
+    with tool.start([tool.path, "-web", f"{url}||||||fifo"]) as process:
         assert process.stdout.readline() == b"200\n"
         assert (tmp_path / "fifo").read_bytes() == BODY
         assert (*process.communicate(), process.returncode) == Answer(b"")
@@ -124,7 +117,7 @@ def test_result_line_comes_before_the_file_is_touched(tool, tmp_path, url):
 
 def test_result_line_comes_before_the_body_is_taken(tool, large_url):
     """The body doesn't fit into the pipe: were it written first, the line would not be there yet."""
-    with start(tool, large_url) as process:
+    with tool.start([tool.path, "-web", large_url]) as process:
         assert process.stdout.readline() == b"200\n"
         process.stdout.close()
         assert (process.stderr.read(), process.wait()) == (b"", 0)

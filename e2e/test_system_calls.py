@@ -10,7 +10,7 @@ import subprocess
 import time
 
 import pytest
-from conftest import ENVIRONMENT, MEMORY, Answer
+from conftest import ENVIRONMENT, MEMORY, Answer, impossible_on_macos
 from scripted_server import reply
 
 BODY = b"a body\0with NUL"
@@ -18,7 +18,10 @@ WHOLE = b"200\n" + BODY + b"\n"
 
 UNDER_STRACE = {**ENVIRONMENT, "ASAN_OPTIONS": "detect_leaks=0"}  # the leak check can't run there
 
-pytestmark = pytest.mark.skipif(not shutil.which("strace"), reason="no strace here")
+pytestmark = [
+    impossible_on_macos("no strace"),
+    pytest.mark.skipif(not shutil.which("strace"), reason="no strace here"),
+]
 
 
 @pytest.fixture

@@ -5,6 +5,7 @@ import http.client
 import os
 import pathlib
 import pwd
+import re
 import shutil
 import signal
 import socket
@@ -16,6 +17,7 @@ import trustme
 
 PROGRAM = shutil.which("nginx", path=os.environ["PATH"] + ":/usr/sbin")
 SITE = pathlib.Path(__file__).resolve().parent / "site"
+BUILD = SITE.parent.parent / "build"  # where whatever a killed process left behind lies in nobody's way
 
 # Where the examples of README and manual page have it.
 HTTP_PORT, HTTPS_PORT = 8080, 8443
@@ -23,7 +25,7 @@ HTTP_PORT, HTTPS_PORT = 8080, 8443
 # Some characters of a path would mean something to nginx: all paths are relative to the folder that it runs in.
 CONFIGURATION = """
 daemon off;
-user "{user}" "{group}";
+{user}
 worker_processes 2;
 pid nginx.pid;
 events {{ }}
@@ -39,7 +41,7 @@ http {{
   default_type application/octet-stream;
   server {{
     listen 127.0.0.1:{http_port};
-    listen 127.0.0.1:{https_port} ssl http2;
+    listen 127.0.0.1:{https_port} ssl{http2};
     ssl_certificate certificate.pem;
     ssl_certificate_key key.pem;
     root site;
@@ -54,6 +56,22 @@ http {{
 """
 
 
+# However this process ends, killed say.
+ENDS_WITH_US = ["setpriv", "--pdeathsig", "TERM"] if sys.platform == "linux" else []
+
+
+def _user():
+    """Only root can choose the user that the workers run as."""
+    return f"user {pwd.getpwuid(0).pw_name} {grp.getgrgid(0).gr_name};" if os.geteuid() == 0 else ""
+
+
+def _http2():
+    """What follows "ssl": from 1.25 on a directive of its own."""
+    version = subprocess.run([PROGRAM, "-v"], stderr=subprocess.PIPE, check=True).stderr
+    numbers = re.search(rb"nginx/(\d+)\.(\d+)", version).groups()
+    return "; http2 on" if tuple(map(int, numbers)) >= (1, 25) else " http2"
+
+
 class Nginx:
     """Serves the files below `root`, on free ports where none are given; `http_url` and `https_url` say where.
 
@@ -63,7 +81,8 @@ class Nginx:
     def __init__(self, root=SITE, http_port=0, https_port=0):
         self.root = root
         self._process = None
-        self._folder = pathlib.Path(tempfile.mkdtemp(prefix="webreq-nginx-"))
+        BUILD.mkdir(exist_ok=True)
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="nginx-", dir=BUILD))
         try:
             self._start(*(socket.create_server(("127.0.0.1", port), backlog=511) for port in (http_port, https_port)))
             self._await_answer()
@@ -85,7 +104,7 @@ class Nginx:
         if self._process:
             self._process.terminate()
             self._process.wait()
-        shutil.rmtree(self._folder)
+        shutil.rmtree(self.folder)
 
     def _start(self, *listeners):
         """Starts nginx with listening sockets of ours, which it takes over as it does when it replaces its own binary:
@@ -99,8 +118,8 @@ class Nginx:
             listener.setblocking(False)  # as nginx's own: a worker that comes too late would wait for the next
         descriptors = [listener.fileno() for listener in listeners]
         self._process = subprocess.Popen(
-            [PROGRAM, "-p", ".", "-c", "nginx.conf", "-e", "error.log"],
-            cwd=self._folder,
+            [*ENDS_WITH_US, PROGRAM, "-p", ".", "-c", "nginx.conf", "-e", "error.log"],
+            cwd=self.folder,
             env={**os.environ, "NGINX": "".join(f"{descriptor};" for descriptor in descriptors)},
             pass_fds=descriptors,
             stderr=subprocess.DEVNULL,
@@ -110,13 +129,13 @@ class Nginx:
 
     def _write_files(self, http_port, https_port):
         certificate = trustme.CA().issue_cert("127.0.0.1")
-        certificate.private_key_pem.write_to_path(self._folder / "key.pem")
-        certificate.cert_chain_pems[0].write_to_path(self._folder / "certificate.pem")
-        (self._folder / "site").symlink_to(os.path.abspath(self.root))
-        (self._folder / "nginx.conf").write_text(
+        certificate.private_key_pem.write_to_path(self.folder / "key.pem")
+        certificate.cert_chain_pems[0].write_to_path(self.folder / "certificate.pem")
+        (self.folder / "site").symlink_to(os.path.abspath(self.root))
+        (self.folder / "nginx.conf").write_text(
             CONFIGURATION.format(
-                user=pwd.getpwuid(os.getuid()).pw_name,
-                group=grp.getgrgid(os.getgid()).gr_name,
+                user=_user(),
+                http2=_http2(),
                 http_port=http_port,
                 https_port=https_port,
             )
@@ -129,7 +148,7 @@ class Nginx:
             connection.request("GET", "/empty")
             connection.getresponse()
         except (OSError, http.client.HTTPException) as error:
-            log = self._folder / "error.log"
+            log = self.folder / "error.log"
             reasons = log.read_text(errors="replace").splitlines() if log.exists() else []
             raise OSError(f"nginx does not start: {reasons[-1] if reasons else error}") from error
         finally:

@@ -3,40 +3,44 @@
 
 import hashlib
 import os
-import pathlib
-import subprocess
-import tempfile
 
 import pytest
-from conftest import ENVIRONMENT, WEBREQ, Answer
+from conftest import Answer
 from nginx import Nginx
 
 MEBIBYTE = 1 << 20
 
 
 @pytest.fixture(scope="module")
-def folder():
-    with tempfile.TemporaryDirectory(dir="/dev/shm" if os.path.isdir("/dev/shm") else None) as path:
-        os.chmod(path, 0o755)
-        yield pathlib.Path(path)
+def files():
+    """The body and the output file, in memory and gone with this process."""
+    with open(os.memfd_create("body"), "wb") as body, open(os.memfd_create("out"), "w+b") as output:
+        yield body, output
+
+
+def path_of(file):
+    return f"/proc/{os.getpid()}/fd/{file.fileno()}"
 
 
 @pytest.fixture(scope="module", params=[1, 3], ids=["1 GiB", "3 GiB"])
-def digests(request, folder):
+def digests(request, files):
     """The digests of the body that is served, and of the tool's whole output when it prints that body."""
     body, answer = hashlib.sha1(), hashlib.sha1(b"200\n")
-    with open(folder / "body", "wb") as file:
-        for _ in range(request.param * 1024):
-            part = os.urandom(MEBIBYTE)
-            file.write(part)
-            body.update(part)
-            answer.update(part)
+    files[0].seek(0)
+    for _ in range(request.param * 1024):
+        part = os.urandom(MEBIBYTE)
+        files[0].write(part)
+        body.update(part)
+        answer.update(part)
+    files[0].flush()
     answer.update(b"\n")
     return body.hexdigest(), answer.hexdigest()
 
 
 @pytest.fixture(scope="module")
-def url(folder):
+def url(files, tmp_path_factory):
+    folder = tmp_path_factory.mktemp("site")
+    (folder / "body").symlink_to(path_of(files[0]))
     with Nginx(folder) as server:
         yield server.http_url + "/body"
 
@@ -48,18 +52,15 @@ def digest_of(file):
     return digest.hexdigest()
 
 
-def test_in_a_file(digests, url, tool, folder):
-    output = folder / "out"
-    try:
-        assert tool.request(f"{url}|||||100000|{output}") == Answer(b"200\n")
-        with open(output, "rb") as file:
-            assert digest_of(file) == digests[0]
-    finally:
-        output.unlink(missing_ok=True)
+def test_in_a_file(digests, url, tool, files):
+    output = files[1]
+    assert tool.request(f"{url}|||||100000|{path_of(output)}") == Answer(b"200\n")
+    output.seek(0)
+    assert digest_of(output) == digests[0]
+    output.truncate(0)
 
 
-def test_on_standard_output(digests, url):
-    command = [WEBREQ, "-web", f"{url}|||||100000"]
-    with subprocess.Popen(command, stdout=subprocess.PIPE, env=ENVIRONMENT) as process:
+def test_on_standard_output(digests, url, tool):
+    with tool.start([tool.path, "-web", f"{url}|||||100000"], timeout=600) as process:
         assert digest_of(process.stdout) == digests[1]
-    assert process.returncode == 0
+        assert process.wait() == 0

@@ -123,9 +123,11 @@ def _what_a_run_says():
         listener.settimeout(60)
         command = [WEBREQ, "-web", f"http://127.0.0.1:{listener.getsockname()[1]}/|||||60000"]
         with subprocess.Popen(command, stdout=subprocess.DEVNULL, env=ENVIRONMENT) as process:
-            with listener.accept()[0]:
-                files = _mapped_files(process.pid)
-            process.kill()
+            try:
+                with listener.accept()[0]:
+                    files = _mapped_files(process.pid)
+            finally:
+                process.kill()
     return b"\n".join(map(_what_a_file_says, files))
 
 

@@ -43,11 +43,13 @@ class ScriptedServer:
 
     A script is a list of steps: bytes to send, one of the constants above, or a callable that takes the connection.
     Bytes in place of a list are the answer to one request. After its script a connection is closed, TLS with a
-    close_notify; one for which there is no script is closed at once.
+    close_notify; one for which there is no script is closed at once. A step that fails ends its connection, and raises
+    its exception where the server ends.
     """
 
     def __init__(self, *scripts, tls_context=None, listener=None):
         self.requests = []  # bytes each, in order of arrival
+        self._failures = []
         self._scripts = [[READ_REQUEST, script] if isinstance(script, bytes) else script for script in scripts]
         self._tls_context = tls_context
         self._listener = listener or socket.create_server(("127.0.0.1", 0))
@@ -65,6 +67,8 @@ class ScriptedServer:
         self._thread.join()
         self._stopped.close()
         self._listener.close()
+        if self._failures:
+            raise self._failures[0]
 
     def get(self, target=b"/", lines=b"Accept: */*\r\n"):
         """The GET request that asks this server for `target`; `lines` are those behind the Host line."""
@@ -78,6 +82,8 @@ class ScriptedServer:
                 self._play(next(scripts, []), self._secure(connection))
             except OSError:
                 pass  # the peer left, as its own results tell
+            except BaseException as failure:  # pytest's are no Exceptions
+                self._failures.append(failure)
 
     def _secure(self, connection):
         return self._tls_context.wrap_socket(connection, server_side=True) if self._tls_context else connection
