@@ -33,7 +33,7 @@ def test_space_in_the_path(tool, serve):
 
 
 def test_connection_refused(tool, refusing):
-    assert tool.request(f"http://{refusing}/") == Answer(b"7\n")
+    assert tool.request(f"http://{refusing}") == Answer(b"7\n")
 
 
 def test_file_has_no_status(tool, tmp_path):

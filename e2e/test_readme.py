@@ -5,7 +5,6 @@ import pathlib
 import re
 import resource
 import signal
-import socket
 import sys
 
 import pytest
@@ -85,27 +84,20 @@ def test_shell_caller(shell, serve, body):
     assert shell(caller, url=server.url) == Answer(f"404|{body}|".encode())
 
 
-@pytest.fixture
-def refused_url():
-    with socket.socket() as bound:  # bound but not listening: nobody else can take the port
-        bound.bind(("127.0.0.1", 0))
-        yield f"http://127.0.0.1:{bound.getsockname()[1]}/"
-
-
-def test_server_that_is_down_empties_the_output_file(tool, tmp_path, refused_url):
+def test_server_that_is_down_empties_the_output_file(tool, tmp_path, refusing):
     (tmp_path / "page").write_text("former")
-    assert tool.request(f"{refused_url}||||||page") == Answer(b"7\n")
+    assert tool.request(f"{refusing}||||||page") == Answer(b"7\n")
     assert (tmp_path / "page").read_text() == ""
 
 
-def test_shell_caller_that_keeps_the_old_file(shell, tmp_path, serve, refused_url):
+def test_shell_caller_that_keeps_the_old_file(shell, tmp_path, serve, refusing):
     def run(url):
         assert shell(KEEP_OLD_FILE, url=url, file="page") == Answer(b"")
         assert not (tmp_path / "page.new").exists()
         return (tmp_path / "page").read_text()
 
     server = serve(reply(200, b"one"), reply(404, b"none"), reply(200, b"two"))
-    assert [run(url) for url in (server.url, refused_url, server.url, server.url)] == ["one", "one", "one", "two"]
+    assert [run(url) for url in (server.url, refusing, server.url, server.url)] == ["one", "one", "one", "two"]
 
 
 @each_document

@@ -65,12 +65,12 @@ def test_without_a_location_the_redirect_is_the_answer(tool, serve):
 
 def test_to_ftp(tool, serve, refusing):
     """The static executable's libcurl has no FTP."""
-    server = serve(moved(302, f"ftp://{refusing}/"))
+    server = serve(moved(302, f"ftp://{refusing}"))
     assert tool.request(server.url) == Answer(b"1\n" if IS_STATIC else b"7\n")
 
 
 def test_to_gopher(tool, serve, refusing):
-    server = serve(moved(302, f"gopher://{refusing}/"))
+    server = serve(moved(302, f"gopher://{refusing}"))
     assert tool.request(server.url) == Answer(libcurl.answer("redirect to gopher"))
 
 
