@@ -62,7 +62,6 @@ REASONS_TO_SKIP = (
     "Linux allows an argument 32 pages",
     "about Linux's loader; sanitizers take descriptors",
     "another TLS library",
-    "another resolver, which takes its time",
     "clang proves the one call safe and leaves it unchecked",
     "for the static executable",
     "macOS: ",

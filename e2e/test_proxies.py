@@ -1,13 +1,12 @@
 """Proxies, which libcurl takes from the environment: each kind, with the bytes that it receives."""
 
-import contextlib
 import socket
 import struct
 
 import libcurl
 import own_network
 import pytest
-from conftest import ANSWERED, ENVIRONMENT, WEBREQ, Answer, impossible_on_macos
+from conftest import ANSWERED, ENVIRONMENT, Answer, impossible_on_macos
 from scripted_server import READ_REQUEST, RESPONSE, ScriptedServer, reply
 
 PLAIN = b"GET / HTTP/1.1\r\nHost: 192.0.2.7\r\nAccept: */*\r\n\r\n"
@@ -116,7 +115,7 @@ def test_no_proxy(request_through, serve):
     ],
     ids=["trusted", "not trusted", "no list"],
 )
-def test_https_proxy(tmp_path, make_certificate, listed, result):
+def test_https_proxy(tool, tmp_path, make_certificate, listed, result):
     """Verification is off for servers, not for proxies: by the system's list of authorities, where Debian has it."""
     certificate = make_certificate("localhost")
     (tmp_path / "ssl/certs").mkdir(parents=True)
@@ -125,19 +124,13 @@ def test_https_proxy(tmp_path, make_certificate, listed, result):
         (tmp_path / "ssl/certs/ca-certificates.crt").write_bytes(authority.path.read_bytes())
     (tmp_path / "hosts").write_text("127.0.0.1 localhost\n")
     (tmp_path / "nsswitch.conf").write_text("hosts: files\n")
-    received = []
-
-    @contextlib.contextmanager
-    def serve(sockets):
+    with own_network.start(tmp_path) as (enter, sockets):
         (listener,) = [opened for opened in sockets if opened.getsockname()[:2] == ("127.0.0.1", 81)]
         with ScriptedServer(RESPONSE, tls_context=certificate.server_context, listener=listener) as proxy:
-            yield
-        received.extend(proxy.requests)
-
-    environment = {**ENVIRONMENT, "http_proxy": "https://localhost:81"}
-    run = own_network.run([WEBREQ, "-web", "http://192.0.2.7/"], tmp_path, serve, env=environment)
-    assert Answer(run.stdout, run.stderr, run.returncode) == Answer(result)
-    assert bool(b"".join(received)) == result.startswith(b"200")
+            command = [*enter, tool.path, "-web", "http://192.0.2.7/"]
+            answer = tool.run_command(command, env={**ENVIRONMENT, "http_proxy": "https://localhost:81"})
+    assert answer == Answer(result)
+    assert bool(b"".join(proxy.requests)) == result.startswith(b"200")
 
 
 @pytest.mark.skipif(libcurl.answer("proxy at a Unix socket") is None, reason="this libcurl knows no such proxies")

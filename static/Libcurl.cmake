@@ -98,7 +98,22 @@ function(add_libcurl)
   add_library_source(curl)
 endfunction()
 
+# Calls of libcurl's that lead to functions of ours; the files say why. names.c uses c-ares's private header.
+function(redirect_calls)
+  add_library(redirected STATIC static/names.c static/read_buffer.c)
+  target_compile_options(redirected PRIVATE -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wcast-qual)
+  target_compile_definitions(redirected PRIVATE $<TARGET_PROPERTY:c-ares,COMPILE_DEFINITIONS>)
+  target_include_directories(redirected SYSTEM PRIVATE $<TARGET_PROPERTY:c-ares,INCLUDE_DIRECTORIES>)
+  target_link_libraries(redirected PRIVATE c-ares ssl)
+  target_link_libraries(libcurl_static PRIVATE redirected)
+  target_compile_definitions(libcurl_static PRIVATE
+    ares_getaddrinfo=webreq_ares_getaddrinfo
+    ares_init_options=webreq_ares_init_options
+    SSL_CTX_set_default_read_buffer_len=webreq_keep_read_buffer_len)
+endfunction()
+
 add_aws_lc()
 add_c_ares()
 add_nghttp2()
 add_libcurl()
+redirect_calls()
