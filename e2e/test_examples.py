@@ -23,6 +23,7 @@ def compile_swift(folder):
 CALLERS = {
     "sh": lambda _: ["sh", EXAMPLES / "fetch.sh"],
     "python3": lambda _: ["python3", EXAMPLES / "fetch.py"],
+    "lua5.4": lambda _: ["lua5.4", EXAMPLES / "fetch.lua"],
     "node": lambda _: ["node", EXAMPLES / "fetch.mjs"],
     "c++": lambda _: [os.environ["FETCH_EXAMPLE"]],
     "swiftc": compile_swift,
@@ -72,6 +73,32 @@ def test_a_bar_in_the_url_begins_no_field(run, serve, command, tmp_path):
     assert run(*command, f"{server.url}/||||||{tmp_path}/out.txt") == Answer(b"body")
     assert server.requests[0].startswith(b"GET /%7C%7C%7C%7C%7C%7C")
     assert not (tmp_path / "out.txt").exists()
+
+
+def test_quotes_in_the_url_are_sent(run, serve, command):
+    server = serve(reply(200, b"body"))
+    assert run(*command, f"{server.url}/'$(id)\"") == Answer(b"body")
+    assert server.requests[0].startswith(b"GET /'$(id)\" HTTP/1.1\r\n")
+
+
+def replace_tool(folder, script):
+    (folder / "bin/webreq").unlink()
+    (folder / "bin/webreq").write_text(f"#!/bin/sh\n{script}\n")
+    (folder / "bin/webreq").chmod(0o755)
+
+
+# Swift's Foundation leaves a descriptor of its own.
+@pytest.mark.parametrize("command", [name for name in CALLERS if name != "swiftc"], indirect=True)
+def test_tool_inherits_the_standard_descriptors_only(run, command, tmp_path):
+    replace_tool(tmp_path, 'ls /dev/fd >"$0.descriptors"; echo 204')
+    assert run(*command, "http://127.0.0.1/") == Answer(b"")
+    assert (tmp_path / "bin/webreq.descriptors").read_text().split() == ["0", "1", "2", "3"]  # 3 is the folder listed
+
+
+def test_no_result_line_is_a_failure(run, command, tmp_path):
+    replace_tool(tmp_path, "kill -KILL $$")
+    answer = run(*command, "http://127.0.0.1/")
+    assert answer.stdout == b"" and answer.stderr and answer.status != 0
 
 
 def test_fan_out(run, nginx):
