@@ -13,16 +13,16 @@ def test_netrc_is_not_read(tool, tmp_path, serve):
     assert server.requests == [server.get()]
 
 
-# A configuration that names a library which isn't there.
+# A cipher that no server here has.
 OPENSSL_CONF = """
 openssl_conf = all
 [all]
-providers = some
-[some]
-missing = one
-[one]
-module = /no/such/module.so
-activate = 1
+ssl_conf = ssl
+[ssl]
+system_default = tls
+[tls]
+CipherString = DHE-DSS-AES128-SHA
+Ciphersuites =
 """
 
 
