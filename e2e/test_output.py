@@ -125,7 +125,7 @@ def test_result_line_comes_before_the_body_is_taken(tool, large_url):
 
 @pytest.mark.parametrize("closed", [(0,), (1,), (2,), (0, 1), (1, 2), (0, 2), (0, 1, 2)])
 def test_closed_standard_descriptors(tool, tmp_path, serve, closed):
-    """No answer goes anywhere but where it belongs; unit tests see to which descriptors are open by then."""
+    """The answer goes where it belongs and nowhere else; unit tests check which descriptors are open by then."""
     server = serve(reply(200, BODY))
     redirections = " ".join(f"{descriptor}>&-" for descriptor in closed)
     command = ["sh", "-c", f'exec "$@" {redirections}', "sh", tool.path, "-web", f"{server.url}||||||out.txt"]

@@ -19,7 +19,7 @@ PROGRAM = shutil.which("nginx", path=os.environ["PATH"] + ":/usr/sbin")
 SITE = pathlib.Path(__file__).resolve().parent / "site"
 BUILD = SITE.parent.parent / "build"  # where whatever a killed process left behind lies in nobody's way
 
-# Where the examples of README and manual page have it.
+# The ports in the examples of README and manual page.
 HTTP_PORT, HTTPS_PORT = 8080, 8443
 
 # Some characters of a path would mean something to nginx: all paths are relative to the folder that it runs in.
