@@ -1,10 +1,7 @@
 """Host names, looked up at a scripted name server: what a request comes to, and what was asked of DNS for it."""
 
-import contextlib
+import functools
 import shutil
-import socket
-import socketserver
-import threading
 import time
 
 import libcurl
@@ -18,80 +15,21 @@ if not own_network.is_possible():
 import dns.flags
 import dns.message
 import dns.rcode
-import dns.rdatatype
-import dns.rrset
+import name_server
+from name_server import FILES, dropping, everywhere, failing, is_for, refused, silent, zone
 
 HERE = {"host.test.": ["A 127.0.0.1"]}
 
-FILES = {
-    "resolv_conf": "nameserver 127.0.0.1\n",
-    "hosts": "127.0.0.1 localhost in-hosts\n",
-    "host_conf": "multi on\n",  # as Debian has it: a name may have several lines
-    "nsswitch_conf": "hosts: files dns\n",
-}
 FOUND = Answer(b"200\n127.0.0.1\n")
 FOUND_BY_IPV6 = Answer(b"200\n::1\n")
 NOT_FOUND = Answer(b"6\n")
 CONNECTION_REFUSED = Answer(b"7\n")
 TIMED_OUT = Answer(b"28\n")
 
-# What a name server answers: each takes a query and "UDP" or "TCP".
 
-
-def zone(records):
-    """By name what it holds, such as "A 127.0.0.1"."""
-
-    def answer(query, _):
-        response = dns.message.make_response(query, recursion_available=True)
-        name = query.question[0].name.to_text()
-        if name not in records:
-            response.set_rcode(dns.rcode.NXDOMAIN)
-        while name:
-            name = add_records(response, name, records.get(name, []))
-        return response
-
-    return answer
-
-
-def add_records(response, name, records):
-    """Adds those of the asked type, and all CNAMEs; returns the name that one leads to."""
-    target = None
-    for record in records:
-        kind, value = record.split()
-        target = value if kind == "CNAME" else target
-        if kind in ("CNAME", dns.rdatatype.to_text(response.question[0].rdtype)):
-            response.answer.append(dns.rrset.from_text(name, 60, "IN", kind, value))
-    return target
-
-
-def everywhere(query, transport):
-    """Every name has the servers' addresses."""
-    return zone({query.question[0].name.to_text(): ["A 127.0.0.1", "AAAA ::1"]})(query, transport)
-
-
-def failing(name, rcode, otherwise):
-    """For one name it fails."""
-
-    def answer(query, transport):
-        response = otherwise(query, transport)
-        if query.question[0].name.to_text() == name:
-            response = dns.message.make_response(query, recursion_available=True)
-            response.set_rcode(rcode)
-        return response
-
-    return answer
-
-
-def refused(query, transport):
-    return failing(query.question[0].name.to_text(), dns.rcode.REFUSED, everywhere)(query, transport)
-
-
-def dropping(is_dropped, otherwise):
-    return lambda query, transport: None if is_dropped(query) else otherwise(query, transport)
-
-
-def silent(_query, _transport):
-    return None
+def each_once(asked):
+    """The same without repetitions."""
+    return [" ".join(dict.fromkeys(entry.split())) for entry in asked]
 
 
 def late(query, transport):
@@ -108,125 +46,17 @@ def truncated(query, transport):
     return response
 
 
-def each_once(asked):
-    """The same without repetitions."""
-    return [" ".join(dict.fromkeys(entry.split())) for entry in asked]
-
-
-def kind(query):
-    return dns.rdatatype.to_text(query.question[0].rdtype)
-
-
-def is_for(name):
-    return lambda query: kind(query) == name
-
-
-class Network:
-    """The tool's network and the servers in it. `answers` are those of the name servers 127.0.0.1 and 127.0.0.2."""
-
-    def __init__(self, *answers):
-        self.enter = None  # begins a command that runs there
-        self._answers = dict(zip(["127.0.0.1", "127.0.0.2"], answers))
-        self._asked = {}  # by name its questions
-
-    @property
-    def asked(self):
-        """What was asked of DNS, name by name in order of arrival, such as "host.test. A AAAA". A question is there as
-        often as it was asked: twice when a resolver waited for an answer and lost patience."""
-        return [" ".join([name, *sorted(questions)]) for name, questions in self._asked.items()]
-
-    def request(self, description, command=(WEBREQ,), environment=ENVIRONMENT):
-        """Returns the answer and the seconds that it took; `command` runs the tool."""
-        start = time.monotonic()
-        answer = Tool().run_command([*self.enter, *command, "-web", description], env=environment)
-        return answer, time.monotonic() - start
-
-    @contextlib.contextmanager
-    def serve(self, sockets):
-        servers = [server for server in map(self._server_on, sockets) if server]
-        threads = [threading.Thread(target=server.serve_forever, args=[0.05]) for server in servers]
-        for thread in threads:
-            thread.start()
-        try:
-            yield
-        finally:
-            for server, thread in zip(servers, threads):
-                server.shutdown()
-                thread.join()
-
-    def _server_on(self, opened):
-        address, port = opened.getsockname()[:2]
-        if opened.type == socket.SOCK_DGRAM:
-            return make_server(socketserver.UDPServer, opened, lambda request, peer: self._udp(address, *request, peer))
-        if not opened.getsockopt(socket.SOL_SOCKET, socket.SO_ACCEPTCONN) or (address, port) in SILENT:
-            return None
-        handle = (lambda request, _: self._tcp(address, request)) if port == 53 else answer_request
-        return make_server(socketserver.TCPServer, opened, handle)
-
-    def _udp(self, address, query, opened, peer):
-        if response := self._respond(address, query, "UDP"):
-            opened.sendto(response, peer)
-
-    def _tcp(self, address, connection):
-        while size := int.from_bytes(connection.recv(2, socket.MSG_WAITALL), "big"):
-            if response := self._respond(address, connection.recv(size, socket.MSG_WAITALL), "TCP"):
-                connection.sendall(len(response).to_bytes(2, "big") + response)
-
-    def _respond(self, address, wire, transport):
-        query = dns.message.from_wire(wire)
-        question = kind(query) + ("/TCP" if transport == "TCP" else "") + ("+EDNS" if query.edns >= 0 else "")
-        self._asked.setdefault(query.question[0].name.to_text(), []).append(question)
-        response = self._answers.get(address, silent)(query, transport)
-        return response and response.to_wire()
-
-
-SILENT = [("::1", 81), ("127.0.0.1", 82)]
-
-
-def answer_request(connection, peer):
-    """The body is the address that the client connected to. A path "/http://..." leads there. SOCKS 4 is answered by
-    the address that the client wants to be connected with."""
-    request = connection.recv(65536)
-    body = peer[0]
-    if request.startswith(b"\x04"):
-        body = socket.inet_ntoa(request[4:8])
-        connection.sendall(b"\0\x5a" + bytes(6))
-        request = connection.recv(65536)
-    target = request.split()[1].decode()
-    head = f"302 Found\r\nLocation: {target[1:]}" if target.startswith("/http") else "200 OK"
-    connection.sendall(f"HTTP/1.0 {head}\r\n\r\n{body}".encode())
-
-
-def make_server(base, opened, handle):
-    """A server on an open socket; `handle` takes the request and the peer's address."""
-
-    class Server(socketserver.ThreadingMixIn, base):
-        """Each request has a thread."""
-
-        def finish_request(self, request, client_address):
-            handle(request, client_address)
-
-    server = Server(None, None, bind_and_activate=False)
-    server.socket.close()
-    server.socket = opened
-    return server
+def request(network, description, command=(WEBREQ,), environment=ENVIRONMENT):
+    """Performs a request there; returns the answer and the seconds that it took. `command` runs the tool."""
+    start = time.monotonic()
+    answer = Tool().run_command([*network.enter, *command, "-web", description], env=environment)
+    return answer, time.monotonic() - start
 
 
 @pytest.fixture
 def start(tmp_path):
-    """Starts a network where name servers give `answers` and `files` are those of /etc."""
-
-    @contextlib.contextmanager
-    def start_network(*answers, ipv6=True, **files):
-        folder = tmp_path / "etc"
-        folder.mkdir()
-        for name, text in {**FILES, **files}.items():
-            (folder / name.replace("_", ".")).write_text(text)
-        network = Network(*answers)
-        with own_network.start(folder, ipv6) as (network.enter, sockets), network.serve(sockets):
-            yield network
-
-    return start_network
+    """Starts a network; the arguments are name_server.start's, without the folder."""
+    return functools.partial(name_server.start, tmp_path / "etc")
 
 
 @pytest.fixture
@@ -234,12 +64,12 @@ def request_by_name(start):
     """Performs a request in a network; returns the answer, and what was asked of DNS. `variables` are the
     environment's."""
 
-    def request(description, *answers, command=(WEBREQ,), variables=None, **options):
+    def perform(description, *answers, command=(WEBREQ,), variables=None, **options):
         with start(*answers, **options) as network:
-            answer, _ = network.request(description, command, {**ENVIRONMENT, **(variables or {})})
+            answer, _ = request(network, description, command, {**ENVIRONMENT, **(variables or {})})
         return answer, network.asked
 
-    return request
+    return perform
 
 
 @pytest.mark.parametrize(
@@ -444,7 +274,7 @@ def test_no_name_server_is_there(request_by_name):
 def test_silent_name_server_outlasts_the_time_out(start, name_server, least):
     """Newer versions of libcurl wait for it; older ones break off at the time-out."""
     with start(name_server) as network:
-        answer, seconds = network.request("http://host.test/")
+        answer, seconds = request(network, "http://host.test/")
     assert answer == TIMED_OUT
     assert seconds >= least if libcurl.answer("hanging resolver") else 2 <= seconds < least
 
@@ -454,8 +284,8 @@ def test_silent_name_server_outlasts_the_time_out(start, name_server, least):
 def test_time_out_holds_while_no_name_server_answers(start, text, least):
     """The run takes as long as with a server that does not answer. The C library's resolver can't be interrupted."""
     with start(silent) as network:
-        at_a_server, seconds_at_a_server = network.request(f"http://127.0.0.1:82/|||||{text}")
-        answer, seconds = network.request(f"http://host.test/|||||{text}")
+        at_a_server, seconds_at_a_server = request(network, f"http://127.0.0.1:82/|||||{text}")
+        answer, seconds = request(network, f"http://host.test/|||||{text}")
     assert answer == at_a_server == TIMED_OUT
     assert least <= seconds < 2 * seconds_at_a_server
     assert each_once(network.asked) == ["host.test. A AAAA"]

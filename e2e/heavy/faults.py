@@ -14,8 +14,10 @@ import sys
 import time
 
 import libcurl
+import name_server
+import own_network
 import pytest
-from conftest import BUILD, ENVIRONMENT, IS_STATIC, TRANSLATOR, WEBREQ, Answer, preloading
+from conftest import BUILD, ENVIRONMENT, IS_STATIC, TRANSLATOR, WEBREQ, Answer, only_static, preloading
 from nginx import Nginx
 
 LINKED = BUILD / "webreq_failing_malloc"
@@ -42,15 +44,16 @@ def serve_page(tmp_path_factory):
         yield server.http_url + "/page"
 
 
-def run_with_failures(tool, first, last, arguments, limit=60):
-    """Returns the answer, None if the run hangs, and the size of allocation `first`, None if the run made fewer."""
+def run_with_failures(tool, first, last, arguments, limit=60, enter=()):
+    """Returns the answer, None if the run hangs, and the size of allocation `first`, None if the run made fewer.
+    `enter` begins the command."""
     reader, writer = os.pipe()
-    failures = {"FAIL_FIRST": str(first), "FAIL_LAST": str(last), "FAIL_REPORT": str(writer)}
-    environment = {**ENVIRONMENT, **preloading("failing_malloc"), **failures}
+    failures = {"FAIL_FIRST": first, "FAIL_LAST": last, "FAIL_REPORT": writer, **preloading("failing_malloc")}
+    variables = [f"{name}={value}" for name, value in failures.items()]  # not for what `enter` names
     with open(reader, "rb") as report:
-        command = [LINKED if IS_STATIC else WEBREQ, *arguments]
+        command = [*enter, "env", *variables, LINKED if IS_STATIC else WEBREQ, *arguments]
         try:
-            answer = tool.run_command(command, env=environment, pass_fds=[writer], timeout=limit)
+            answer = tool.run_command(command, env=ENVIRONMENT, pass_fds=[writer], timeout=limit)
         except subprocess.TimeoutExpired:
             answer = None
         os.close(writer)
@@ -58,12 +61,12 @@ def run_with_failures(tool, first, last, arguments, limit=60):
         return answer, int.from_bytes(size, sys.byteorder) if size else None
 
 
-def measure_limit(pool, tool, arguments):
+def measure_limit(pool, tool, arguments, enter):
     """Seconds after which a run hangs: twice what its time-out allows and many times what runs without failures take."""
 
     def measure(number):
         start = time.monotonic()
-        run_with_failures(tool, 0, 0, arguments(number))
+        run_with_failures(tool, 0, 0, arguments(number), enter=enter)
         return time.monotonic() - start
 
     return 2 * TIME_OUT + 100 * max(pool.map(measure, range(-20, 0)))
@@ -85,12 +88,12 @@ def end_without_answer(answer):
     return None
 
 
-def fail_each(tool, alone, arguments, check):
+def fail_each(tool, alone, arguments, check, enter=()):
     """Lets one allocation after the other fail until a run has none left to fail; `check` takes each answer and the
     run's number. Prints and returns how many failed."""
 
     def run(number):
-        answer, size = run_with_failures(tool, number, number if alone else 10**9, arguments(number), limit)
+        answer, size = run_with_failures(tool, number, number if alone else 10**9, arguments(number), limit, enter)
         end = end_without_answer(answer)
         if end is None:
             check(answer, number)
@@ -98,7 +101,7 @@ def fail_each(tool, alone, arguments, check):
 
     runs, numbers = [], list_numbers()
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        limit = measure_limit(pool, tool, arguments)
+        limit = measure_limit(pool, tool, arguments, enter)
         while not runs or runs[-1][1] is not None:
             runs += pool.map(run, itertools.islice(numbers, 100))
     failed = [(end, size) for end, size in runs if size is not None]
@@ -157,6 +160,33 @@ def test_body_in_a_file(tool, tmp_path, page_url, alone):
         output_file.unlink(missing_ok=True)
 
     assert fail_each(tool, alone, lambda number: ["-web", f"{page_url}{fields}{number}"], check) >= FEWEST
+
+
+@only_static
+@pytest.mark.skipif(not own_network.is_possible(), reason="no network namespace can be made here")
+@pytest.mark.parametrize(
+    "hosts, asked",
+    [("127.0.0.1 host\n2001:db8::1 host\n", set()), ("", {"host.one.", "host.two.", "host."})],
+    ids=["hosts file", "DNS"],
+)
+@alone_or_not
+def test_name(tool, tmp_path, alone, hosts, asked):
+    """For want of memory no other machine is found, nor is DNS asked for what the hosts file has. (c-ares goes on
+    without the search domains when it can't read them.) The C library's resolver does not hold out.
+
+    The run ends within 2 seconds: then c-ares would crash if it has lost a query for want of memory.
+    """
+    names = name_server.zone({"host.two.": ["A 127.0.0.1"], "host.three.": ["AAAA ::1"]})
+
+    def check(answer, _):
+        assert answer[1:] == Answer(b"")[1:]
+        result, body = result_and_body(answer.stdout)
+        assert body == b"127.0.0.1" if result == 200 else result in range(-1, 100) and body in (b"", b"127.0.0.1")
+
+    configuration = "search one two three\nnameserver 127.0.0.1\n"
+    with name_server.start(tmp_path / "etc", names, hosts=hosts, resolv_conf=configuration) as network:
+        assert fail_each(tool, alone, lambda _: ["-web", "http://host/|||||1500"], check, network.enter) >= FEWEST
+    assert {entry.split()[0] for entry in network.asked} <= asked
 
 
 @alone_or_not
