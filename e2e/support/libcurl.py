@@ -52,6 +52,8 @@ ANSWERS = {
     "sets OpenSSL up in steps": {"7.54.0": True, "7.79.1": False},
     # More descriptors than the loader needs: 7 where they are missing?
     "more descriptors": {"7.54.0": False, "7.88.1": True},
+    # Does it have LibreSSL read its configuration?
+    "configures LibreSSL": {"7.54.0": False, "8.4.0": True},
     # A negative TIMEOUT and a silent server: libcurl refuses the number, so that its own 300 seconds for connecting are
     # in force, or waits 2^32 seconds less that many, for which no test waits (None).
     "negative time-out": {"7.54.0": None, "7.57.0": b"28\n", "8.15.0": None},
@@ -86,12 +88,20 @@ ANSWERS_ON_OPENSSL_3_2 = {
     "HTTP/2 cut off": {"7.54.0": b"56\nhalf\0\n"},
 }
 
+# On LibreSSL, macOS's TLS library, which doesn't tell libcurl that TLS was cut off; none newer than 8.6.0 was tried.
+ANSWERS_ON_LIBRESSL = {"TLS cut off": {"7.54.0": b"200\nbody\n"}, "HTTP/2 cut off": ANSWERS["HTTP/2 closed"]}
+
 
 def answer(name):
     """What the tool's libcurl does, out of the tables above."""
-    answers = {**ANSWERS, **ANSWERS_ON_OPENSSL_3_2} if openssl_version() >= (3, 2, 0) else ANSWERS
-    since = answers[name]
+    since = {**ANSWERS, **_answers_of_tls_library()}[name]
     return since[max((first for first in since if numbers(first) <= version()), key=numbers)]
+
+
+def _answers_of_tls_library():
+    if is_on_libressl():
+        return ANSWERS_ON_LIBRESSL
+    return ANSWERS_ON_OPENSSL_3_2 if openssl_version() >= (3, 2, 0) else {}
 
 
 def numbers(text):
@@ -110,6 +120,10 @@ def version():
 def openssl_version():
     """The newest OpenSSL that one of the tool's files speaks of; 0.0.0 if none does."""
     return max(_versions("OpenSSL"), default=(0, 0, 0))
+
+
+def is_on_libressl():
+    return bool(_versions("LibreSSL"))
 
 
 def _versions(name):
