@@ -26,14 +26,24 @@ PAGE = bytes(range(256)) * 400  # libcurl delivers it in several chunks
 # A run makes at least so many allocations that can be made to fail.
 FEWEST = 60 if TRANSLATOR else 100
 
-# Failures that cost the answer: how the run ends, and the allocation's size. None is the tool's. libcurl 7.54.0 gives
-# out a handle without a receive buffer when it can't allocate one, and writes to the buffer all the same. To report
-# that it lacks one of its first two locks, OpenSSL 3.5 waits for these locks; without a thread's data it aborts.
-OF_LIBCURL = [("crash", 16_385)] if libcurl.answer("no receive buffer, but a handle") else []
-OF_OPENSSL = [("hang", 56), ("hang", 56), ("abort", 240)] if libcurl.openssl_version() >= (3, 5, 0) else []
-# Where all later allocations fail, too, and libcurl continues OpenSSL's set-up though its first step has failed.
-BOTH_HANG = OF_OPENSSL and libcurl.answer("sets OpenSSL up in steps")
-OF_BOTH = [("hang", size) for size in (16, 32, 48, 56, 56, 56, 56, 56, 96)] if BOTH_HANG else []
+# Failures that cost the answer, alone and where all later allocations fail, too: how the run ends, and the size of the
+# allocation. None is the tool's.
+ALONE, FROM_THEN_ON = [], []
+if libcurl.answer("no receive buffer, but a handle"):
+    ALONE += [("crash", 16_385)]
+# To report that it lacks one of its first two locks, OpenSSL 3.5 waits for these locks; without a thread's data it
+# aborts. An old libcurl continues OpenSSL's set-up though its first step has failed.
+if libcurl.openssl_version() >= (3, 5, 0):
+    ALONE += [("hang", 56), ("hang", 56), ("abort", 240)]
+    FROM_THEN_ON += [("hang", 56), ("hang", 56), ("abort", 240)]
+    if libcurl.answer("sets OpenSSL up in steps"):
+        FROM_THEN_ON += [("hang", size) for size in (16, 32, 48, 56, 56, 56, 56, 56, 96)]
+# When a table of names couldn't grow, LibreSSL reads beyond its end to free it; without its configuration it exits.
+if libcurl.is_on_libressl():
+    ALONE += [("crash", 1024), ("crash", 2048)]
+    if libcurl.answer("configures LibreSSL"):
+        ALONE += [("abort", size) for size in (32, 40, 100, 100, 472)]
+        FROM_THEN_ON += [("abort", 40)]
 
 
 @pytest.fixture(name="page_url", scope="module")
@@ -85,6 +95,8 @@ def end_without_answer(answer):
         return "crash"
     if answer.status == -signal.SIGABRT and b": OpenSSL internal error: " in answer.stderr and not answer.stdout:
         return "abort"
+    if answer.status == 1 and re.match(rb"Auto configuration failed\n|\Z", answer.stderr) and not answer.stdout:
+        return "abort"
     return None
 
 
@@ -115,7 +127,7 @@ def check_ends(failed, alone):
     ends = [(end, size) for end, size in failed if end]
     if not alone:
         ends = [end for end, later in itertools.zip_longest(ends, ends[1:]) if end[0] != "abort" or later is None]
-    expected = OF_OPENSSL + (OF_LIBCURL if alone else OF_BOTH) if failed else []
+    expected = (ALONE if alone else FROM_THEN_ON) if failed else []
     if TRANSLATOR:  # a sample may miss them, and of those that follow, too
         assert {end for end, _ in ends} <= {end for end, _ in expected}
     else:
