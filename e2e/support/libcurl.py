@@ -52,8 +52,9 @@ ANSWERS = {
     "sets OpenSSL up in steps": {"7.54.0": True, "7.79.1": False},
     # More descriptors than the loader needs: 7 where they are missing?
     "more descriptors": {"7.54.0": False, "7.88.1": True},
-    # Does it have LibreSSL read its configuration?
+    # Does it have LibreSSL read its configuration, and free what it has allocated?
     "configures LibreSSL": {"7.54.0": False, "8.4.0": True},
+    "cleans LibreSSL up": {"7.54.0": True, "8.6.0": False},
     # A negative TIMEOUT and a silent server: libcurl refuses the number, so that its own 300 seconds for connecting are
     # in force, or waits 2^32 seconds less that many, for which no test waits (None).
     "negative time-out": {"7.54.0": None, "7.57.0": b"28\n", "8.15.0": None},
