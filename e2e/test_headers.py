@@ -26,7 +26,6 @@ CASES = [
     pytest.param(b"X-Remove:", b"Accept: */*\r\n", id="a name alone sends nothing"),
     pytest.param(b"X: \xff\x80\x01", b"Accept: */*\r\nX: \xff\x80\x01\r\n", id="bytes stay bytes"),
     pytest.param(b"\r\r \t\r", b"Accept: */*\r\n", id="only CR and blanks"),
-    pytest.param(b"X:" + b"\\s" * 59_000 + b"e", b"Accept: */*\r\nX:" + b" " * 59_000 + b"e\r\n", id="118 KB escapes"),
 ]
 
 
@@ -39,7 +38,7 @@ def test_header_lines(tool, serve, header, sent):
 
 def test_many_lines_arrive_in_order(tool, serve):
     server = serve(reply(200))
-    lines = [f"X-{number}: {number}" for number in range(5_000)]
+    lines = [f"x{number}:1" for number in range(10_000)]
     assert tool.request(f"{server.url}/|||" + "\r".join(lines)) == Answer(b"200\n")
     assert server.requests[0].decode().split("\r\n")[3:-2] == lines
 

@@ -13,6 +13,8 @@ import subprocess
 
 from conftest import ENVIRONMENT, TRANSLATOR, WEBREQ
 
+CONTROLS = bytes([*range(1, 32), 127])
+
 # What the tool prints, unless the comment says otherwise, each from the named version up to the next one. 7.88.1 is
 # Debian 12's, which has 8.3.0's limit on the headers as a whole.
 ANSWERS = {
@@ -24,6 +26,16 @@ ANSWERS = {
     "space in the path": {"7.54.0": b"200\nok\n", "7.79.1": b"3\n"},
     "nonsense://127.0.0.1/": {"7.54.0": b"1\n", "7.64.1": b"6\n", "7.65.1": b"1\n"},
     "file:// on a folder": {"7.54.0": b"0\n", "7.75.0": b"36\n", "7.79.1": b"0\n", "8.8.0": b"0\nfile\n\n"},
+    # Bytes that it refuses: in a URL behind the host, as the first of a host. How it sends those beyond ASCII in a path.
+    "refused bytes": {"7.54.0": b"\n\r", "7.64.1": CONTROLS, "7.79.1": CONTROLS + b" "},
+    "refused first bytes": {
+        "7.54.0": b"\n\r#/:?",
+        "7.64.1": CONTROLS + b"#/:?[",
+        "7.88.1": CONTROLS + b"!\"#$&'()*+,/:;<=>?[\\]^`{}",
+    },
+    "byte beyond ASCII in a path": {"7.54.0": b"%c", "7.88.1": b"%%%02x", "8.22.0": b"%%%02X"},
+    # The path that it asks for when a "#" in the URL swallows the rest.
+    "/x#x#?": {"7.54.0": b"/x", "7.64.1": b"/x#x#?", "7.79.1": b"/x"},
     # Redirects: before 7.65.2 they also lead to schemes other than HTTP(S) and FTP(S).
     "redirect to gopher": {"7.54.0": b"7\n", "7.65.2": b"1\n"},
     "endless redirects": {"7.54.0": b"28\n", "7.88.1": b"56\n", "8.0.0": b"28\n", "8.3.0": b"47\n"},
@@ -115,6 +127,11 @@ def version():
     found = _versions("libcurl")
     assert len(found) == 1, f"of {WEBREQ} the versions of libcurl are {found}"
     return found.pop()
+
+
+def refuses_international_names():
+    """Does it refuse host names with letters that the locale "C" doesn't know? Without libidn2 it takes any bytes."""
+    return version() >= (7, 88, 1) and b"libidn2" in _what_a_run_says()
 
 
 @functools.cache

@@ -7,6 +7,7 @@ import threading
 import time
 
 READ_REQUEST = object()  # wait for one whole request and record it
+ECHO = object()  # answer with the last request as the body
 AWAIT_CLOSE = object()  # wait until the peer has closed the connection
 RESET = object()  # abort the connection with a TCP reset
 
@@ -98,6 +99,8 @@ class ScriptedServer:
     def _take(self, step, connection):
         if step is READ_REQUEST:
             self.requests.append(_read_request(connection))
+        elif step is ECHO:
+            connection.sendall(reply(200, self.requests[-1]))
         elif step is AWAIT_CLOSE:
             while connection.recv(65536):
                 pass
