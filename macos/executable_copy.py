@@ -2,17 +2,26 @@
 
 import os
 import pathlib
+import struct
 
 import pytest
-from macholib import mach_o
-from macholib.MachO import MachO
+from lief import MachO
 
 EXECUTABLE = pathlib.Path(
     os.environ.get("EXECUTABLE", pathlib.Path(__file__).parents[1] / "build/macos-universal/webreq")
 )
-ARCHITECTURES = {"x86_64": 0x01000007, "arm64": 0x0100000C}  # their numbers as CPU types
-CPU_TYPE_I386 = 7
-HEADER_SIZE = 32
+ARCHITECTURES = ("x86_64", "arm64")
+
+# Where a field is in Mach-O's header, in any command, in those of segments and others, and in a section; its format.
+FIELDS = {
+    **{"cputype": (4, "I"), "filetype": (12, "I"), "flags": (24, "I")},
+    **{"cmd": (0, "I")},
+    **{"segname": (8, "16s"), "vmaddr": (24, "Q"), "vmsize": (32, "Q"), "fileoff": (40, "Q"), "filesize": (48, "Q")},
+    **{"initprot": (60, "I"), "nsyms": (12, "I"), "stroff": (16, "I"), "strsize": (20, "I"), "datasize": (12, "I")},
+    **{"rebase_off": (8, "I"), "bind_off": (16, "I"), "lazy_bind_off": (32, "I"), "compatibility_version": (20, "I")},
+    **{"addr": (32, "Q"), "size": (40, "Q"), "offset": (48, "I"), "kind": (64, "I")},
+}
+SEGMENT_SIZE, SECTION_SIZE = 72, 80
 
 
 class Slice:
@@ -20,40 +29,38 @@ class Slice:
 
     def __init__(self, path, architecture):
         self.path = path
-        (self.macho,) = [h for h in MachO(path).headers if h.header.cputype == ARCHITECTURES[architecture]]
-        self.content = path.read_bytes()[self.macho.offset :][: self.macho.size]
+        self.universal = MachO.parse(path)
+        self.binary = next(b for b in self.universal if b.header.cpu_type.name.lower() == architecture)
+        self.content = path.read_bytes()[self.binary.fat_offset :][: self.binary.original_size]
+
+    def header(self):
+        return 0
 
     def command(self, *kinds):
-        return next(command for load, command, _ in self.macho.commands if load.cmd in kinds)
-
-    def position(self, *kinds):
-        position = HEADER_SIZE
-        for load, _, _ in self.macho.commands:
-            if load.cmd in kinds:
-                return position
-            position += load.cmdsize
-        raise ValueError(kinds)
+        return next(command for command in self.binary.commands if command.command in kinds).command_offset
 
     def segment(self, name):
-        return next(part for part in self.segments() if part.segname.rstrip(b"\0") == name.encode())
+        return self.binary.get_segment(name).command_offset
 
     def section(self, name):
-        return next(part for part in self._sections() if part.sectname.rstrip(b"\0") == name.encode())
+        segment = self.binary.get_section(name).segment
+        names = [section.name for section in segment.sections]
+        return segment.command_offset + SEGMENT_SIZE + SECTION_SIZE * names.index(name)
 
-    def segments(self):
-        return [command for load, command, _ in self.macho.commands if load.cmd == mach_o.LC_SEGMENT_64]
+    def read(self, position, field):
+        offset, form = FIELDS[field]
+        return struct.unpack_from("<" + form, self.content, position + offset)[0]
 
-    def _sections(self):
-        return [part for load, _, parts in self.macho.commands if load.cmd == mach_o.LC_SEGMENT_64 for part in parts]
-
-    def save(self):
-        """Writes header and commands, as changed through macholib."""
-        with open(self.path, "r+b") as file:
-            self.macho.write(file)
+    def change(self, position, **fields):
+        """Sets fields of what is at a position, each to a value or to what a function makes of the present one."""
+        for field, value in fields.items():
+            offset, form = FIELDS[field]
+            new = value(self.read(position, field)) if callable(value) else value
+            self.patch(position + offset, struct.pack("<" + form, new))
 
     def patch(self, position, content):
         with open(self.path, "r+b") as file:
-            file.seek(self.macho.offset + position)
+            file.seek(self.binary.fat_offset + position)
             file.write(content)
 
     def replace(self, old, new, start=0):
@@ -62,13 +69,11 @@ class Slice:
 
 
 def rename(old, new, table="stroff"):
+    """Renames a symbol in the table that a field tells the position of."""
+    command = MachO.LoadCommand.TYPE.SYMTAB if table == "stroff" else MachO.LoadCommand.TYPE.DYLD_INFO_ONLY
+
     def break_slice(part):
-        start = part.command(mach_o.LC_SYMTAB).stroff
-        if table == "bindings":
-            start = part.command(mach_o.LC_DYLD_INFO_ONLY).bind_off
-        if table == "lazy bindings":
-            start = part.command(mach_o.LC_DYLD_INFO_ONLY).lazy_bind_off
-        part.replace(old.encode() + b"\0", new.encode() + b"\0", start)
+        part.replace(old.encode() + b"\0", new.encode() + b"\0", part.read(part.command(command), table))
 
     return break_slice
 

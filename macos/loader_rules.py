@@ -1,154 +1,124 @@
-"""The rules of XNU's and dyld's loaders that a linker can break."""
+"""The rules of XNU's and dyld's loaders that a linker can break and LIEF doesn't check."""
 
-import io
-import itertools
 import struct
 
-from macholib import mach_o
+from lief import MachO
 
-PAGE_SIZES = {"x86_64": 0x1000, "arm64": 0x4000}
-HEADER_SIZE = 32
-VERSION_COMMANDS = (mach_o.LC_VERSION_MIN_MACOSX, mach_o.LC_BUILD_VERSION)
+COMMAND, SECTION, CLASS = MachO.LoadCommand.TYPE, MachO.Section.TYPE, MachO.DyldBindingInfo.CLASS
+
+REQUIRED = 0x80000000  # a bit in those kinds of commands that a loader must know
+VERSION_COMMANDS = (COMMAND.VERSION_MIN_MACOSX, COMMAND.BUILD_VERSION)
+
+# The types of sections that need nothing beyond rebasing and binding. Initialisers and variables of threads do.
+ZEROS = ("ZEROFILL", "GB_ZEROFILL")
+LITERALS = ("CSTRING_LITERALS", "IS_4BYTE_LITERALS", "IS_8BYTE_LITERALS", "IS_16BYTE_LITERALS")
+SYMBOLS = ("NON_LAZY_SYMBOL_POINTERS", "LAZY_SYMBOL_POINTERS", "SYMBOL_STUBS")
+PLAIN_SECTIONS = ("REGULAR", "COALESCED", *ZEROS, *LITERALS, *SYMBOLS)
+
+POINTERS = (MachO.DyldInfo.REBASE_TYPE.POINTER, MachO.DyldBindingInfo.TYPE.POINTER)
+WRITABLE = 2
 
 # A stub helper's entry loads an offset into the lazy bindings: its first bytes and where the offset is.
 HELPERS = {
     "x86_64": (b"\x68", 1),  # push
     "arm64": (b"\x50\x00\x00\x18", 8),  # ldr w16, #8
 }
-DONE, SET_SYMBOL, SET_SEGMENT, DO_BIND = 0x00, 0x40, 0x70, 0x90  # those opcodes of bindings that count here
 
 
-def find_loader_problems(architecture, header, content):
-    """What the loaders refuse or stumble over in a slice: macholib's `header` of it, and its `content`."""
-    page_size = PAGE_SIZES[architecture]
-    segments = [(command, sections) for load, command, sections in header.commands if load.cmd == mach_o.LC_SEGMENT_64]
-    yield from find_position_problems(header, page_size)
-    yield from find_command_problems(header)
-    yield from find_segment_problems([segment for segment, _ in segments], header, len(content), page_size)
-    yield from find_section_problems(segments)
-    yield from find_link_edit_problems(header, len(content))
-    yield from find_lazy_binding_problems(architecture, segments, header, content)
+def find_loader_problems(architecture, binary, content):
+    """What the loaders refuse or stumble over in a slice: LIEF's `binary` of it, and its `content`."""
+    yield from find_header_problems(binary)
+    yield from find_command_problems(list(binary.commands))
+    yield from find_segment_problems(binary)
+    for section in binary.sections:
+        yield from find_section_problems(section)
+    yield from find_pointer_problems(binary)
+    fits, problem = MachO.check_layout(binary)
+    if fits:  # else nothing is where it should be
+        yield from find_lazy_binding_problems(architecture, binary, content)
+    else:
+        yield " ".join(problem.split())
 
 
-def find_position_problems(header, page_size):
-    if header.offset % page_size:
-        yield "the slice isn't on a page boundary of the file"
-    if not header.header.flags & mach_o.MH_PIE:
+def find_header_problems(binary):
+    if binary.header.file_type != MachO.Header.FILE_TYPE.EXECUTE:
+        yield "isn't an executable"
+    if not binary.is_pie:
         yield "isn't position-independent"
 
 
-def find_command_problems(header):
-    kinds = [load.cmd for load, _, _ in header.commands]
+def find_command_problems(commands):
+    kinds = [command.command for command in commands]
     if sum(kinds.count(kind) for kind in VERSION_COMMANDS) != 1:
         yield "hasn't one version command"
-    linkers = [data.rstrip(b"\0") for load, _, data in header.commands if load.cmd == mach_o.LC_LOAD_DYLINKER]
-    if linkers != [b"/usr/lib/dyld"]:
+    if [command.name for command in commands if command.command == COMMAND.LOAD_DYLINKER] != ["/usr/lib/dyld"]:
         yield "hasn't one dynamic linker, /usr/lib/dyld"
+    for kind in kinds:
+        if kind.value & REQUIRED and kind not in (COMMAND.DYLD_INFO_ONLY, COMMAND.MAIN):
+            yield f"has a load command of kind {kind.name}"
 
 
-def find_segment_problems(segments, header, size, page_size):
-    names = [name(segment.segname) for segment in segments]
+def find_segment_problems(binary):
+    segments = list(binary.segments)
     for segment in segments:
-        if segment.vmaddr % page_size or segment.fileoff % page_size:
-            yield f"{name(segment.segname)} isn't on page boundaries"
-        if segment.fileoff + segment.filesize > size or segment.filesize > segment.vmsize:
-            yield f"{name(segment.segname)} has content outside the file or its addresses"
-    for one, next_one in itertools.pairwise(segments):
-        if next_one.vmaddr < one.vmaddr + one.vmsize or next_one.fileoff < one.fileoff + one.filesize:
-            yield f"{name(next_one.segname)} isn't behind {name(one.segname)}"
-    if names.count("__LINKEDIT") != 1 or names[-1] != "__LINKEDIT":
-        yield "hasn't one __LINKEDIT, at the end"
+        if segment.virtual_address % binary.page_size or segment.file_offset % binary.page_size:
+            yield f"{segment.name} isn't on page boundaries"
     zero, text = segments[:2]
-    if names[0] != "__PAGEZERO" or (zero.vmaddr, zero.vmsize, zero.filesize, zero.initprot) != (0, 1 << 32, 0, 0):
+    zeros = (zero.name, zero.virtual_address, zero.virtual_size, zero.file_size, zero.init_protection)
+    if zeros != ("__PAGEZERO", 0, 1 << 32, 0, 0):
         yield "doesn't begin with a __PAGEZERO of 4 GiB"
-    if names[1] != "__TEXT" or text.fileoff or text.filesize < HEADER_SIZE + header.header.sizeofcmds:
+    end_of_commands = max(command.command_offset + command.size for command in binary.commands)
+    if text.name != "__TEXT" or text.file_offset or text.file_size < end_of_commands:
         yield "hasn't its header in __TEXT"
+    if segments[-1].name != "__LINKEDIT":
+        yield "hasn't its __LINKEDIT at the end"
 
 
-def find_section_problems(segments):
-    for segment, sections in segments:
-        for section in sections:
-            begin, end = section.addr - segment.vmaddr, section.addr + section.size - segment.vmaddr
-            has_content = section.flags & mach_o.SECTION_TYPE not in (mach_o.S_ZEROFILL, mach_o.S_GB_ZEROFILL)
-            if begin < 0 or end > (segment.filesize if has_content else segment.vmsize):
-                yield f"{name(section.sectname)} isn't inside {name(segment.segname)}"
-            elif has_content and section.offset != segment.fileoff + begin:
-                yield f"{name(section.sectname)} isn't where {name(segment.segname)} has its addresses"
+def find_section_problems(section):
+    segment, kind = section.segment, section.type.name
+    begin = section.virtual_address - segment.virtual_address
+    if kind not in PLAIN_SECTIONS:
+        yield f"{section.name} is of type {kind}"
+    if begin < 0 or begin + section.size > (segment.virtual_size if kind in ZEROS else segment.file_size):
+        yield f"{section.name} isn't inside {segment.name}"
+    elif kind not in ZEROS and section.offset != segment.file_offset + begin:
+        yield f"{section.name} isn't where {segment.name} has its addresses"
 
 
-def find_link_edit_problems(header, size):
-    commands = {load.cmd: command for load, command, _ in header.commands}
-    symbols = commands[mach_o.LC_SYMTAB]
-    if symbols.symoff + 16 * symbols.nsyms > symbols.stroff:
-        yield "the symbol table isn't in front of its strings"
-    signature = commands.get(mach_o.LC_CODE_SIGNATURE)
-    if signature and (
-        signature.dataoff < symbols.stroff + symbols.strsize or signature.dataoff + signature.datasize != size
-    ):
-        yield "the signature isn't the end of the slice"
+def find_pointer_problems(binary):
+    """Problems of what dyld writes: pointers into the executable and to what it imports."""
+    kinds = {relocation.address: relocation.type for relocation in binary.relocations}
+    kinds.update((binding.address, binding.binding_type) for binding in binary.bindings)
+    for address, kind in kinds.items():
+        segment = binary.segment_from_virtual_address(address)
+        if kind not in POINTERS:
+            yield f"rebases or binds something of type {kind}"
+        if segment is None or not segment.init_protection & WRITABLE:
+            yield f"has a pointer at {address:#x}, where none can be"
 
 
-def find_lazy_binding_problems(architecture, segments, header, content):
+def find_lazy_binding_problems(architecture, binary, content):
     """The pointer that a stub jumps through leads to a stub helper, which has to lead to the pointer's own binding."""
-    first_bytes, offset_position = HELPERS[architecture]
-    symbols = read_indirect_symbols(segments, header, content)
-    for start, (segment, offset, symbol) in read_lazy_bindings(header, content).items():
-        slot = segments[segment][0].fileoff + offset
-        helper = struct.unpack_from("<Q", content, slot)[0] - segments[1][0].vmaddr
-        is_helper = content[helper:].startswith(first_bytes)
-        if not is_helper or struct.unpack_from("<I", content, helper + offset_position)[0] != start:
-            yield f"the stub helper of {symbol} doesn't lead to its binding"
-        if symbols.get(slot) != symbol:
-            yield f"binds {symbol} where {symbols.get(slot)} is called"
+    first_bytes, position = HELPERS[architecture]
+    called = name_lazy_pointers(binary)
+    for binding in binary.bindings:
+        if binding.binding_class == CLASS.LAZY:
+            symbol = binding.symbol.name
+            (pointer,) = struct.unpack_from("<Q", content, binary.virtual_address_to_offset(binding.address))
+            helper = content[pointer - binary.imagebase :][: position + 4]
+            if not helper.startswith(first_bytes) or helper[position:] != struct.pack("<I", binding.original_offset):
+                yield f"the stub helper of {symbol} doesn't lead to its binding"
+            if called.get(binding.address) != symbol:
+                yield f"binds {symbol} where {called.get(binding.address)} is called"
 
 
-def read_lazy_bindings(header, content):
-    """Each lazy binding, a segment's number, the offset in it and a symbol, by its own offset into all of them."""
-    (info,) = [command for load, command, _ in header.commands if load.cmd == mach_o.LC_DYLD_INFO_ONLY]
-    opcodes = io.BytesIO(content[info.lazy_bind_off :][: info.lazy_bind_size])
-    bindings = {}
-    start = segment = offset = symbol = None
-    while byte := opcodes.read(1):
-        opcode, immediate = byte[0] & 0xF0, byte[0] & 0x0F
-        start = opcodes.tell() - 1 if start is None else start
-        if opcode == SET_SEGMENT:
-            segment, offset = immediate, read_uleb(opcodes)
-        elif opcode == SET_SYMBOL:
-            symbol = read_string(opcodes)
-        elif opcode == DO_BIND:
-            bindings[start] = (segment, offset, symbol)
-        elif opcode == DONE:
-            start = None
-    return bindings
-
-
-def read_uleb(stream):
-    number = shift = 0
-    while True:
-        (byte,) = stream.read(1)
-        number |= (byte & 0x7F) << shift
-        shift += 7
-        if byte < 0x80:
-            return number
-
-
-def read_string(stream):
-    return b"".join(iter(lambda: stream.read(1), b"\0")).decode()
-
-
-def read_indirect_symbols(segments, header, content):
-    """The symbol that the stubs call through each lazy pointer, by the pointer's place in the content."""
-    commands = {load.cmd: command for load, command, _ in header.commands}
-    table, symbols = commands[mach_o.LC_DYSYMTAB].indirectsymoff, commands[mach_o.LC_SYMTAB]
-    names = {}
-    for section in itertools.chain(*(sections for _, sections in segments)):
-        if section.flags & mach_o.SECTION_TYPE == mach_o.S_LAZY_SYMBOL_POINTERS:
-            for i in range(section.size // 8):
-                (index,) = struct.unpack_from("<I", content, table + 4 * (section.reserved1 + i))
-                (string,) = struct.unpack_from("<I", content, symbols.symoff + 16 * index)
-                names[section.offset + 8 * i] = read_string(io.BytesIO(content[symbols.stroff + string :]))
-    return names
-
-
-def name(field):
-    return field.rstrip(b"\0").decode()
+def name_lazy_pointers(binary):
+    """The symbol that the stubs call through each lazy pointer, by the pointer's address."""
+    symbols = list(binary.dynamic_symbol_command.indirect_symbols)
+    return {
+        section.virtual_address + 8 * i: symbols[section.reserved1 + i].name
+        for section in binary.sections
+        if section.type == SECTION.LAZY_SYMBOL_POINTERS
+        for i in range(section.size // 8)
+        if section.reserved1 + i < len(symbols)
+    }

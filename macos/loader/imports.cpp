@@ -1,4 +1,3 @@
-#include "imports.h"
 
 #include <curl/curl.h>
 #include <pthread.h>
@@ -9,13 +8,12 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "images.h"
-#include "refuse.h"
+#include "load.h"
 #include "system.h"
 
 extern "C" {
 
-void stubBinder();  // stub_binder.S
+void stubBinder();  // calls.S
 
 #if defined(__aarch64__)
 #define VARIADIC(function) variadic_##function

@@ -1,56 +1,79 @@
-// Runs a macOS executable's machine code on Linux, as the kernel and dyld would on a Mac:
+// Runs a slice of a macOS executable on Linux, as the kernel and dyld would on a Mac. The slice is a part of this
+// program, which Linux has mapped and rebased, and so is LLVM's libunwind for macOS, where it is a part of libSystem:
+// nothing of Linux's can stand in for it, since the executable's functions have Apple's compact unwind information.
 //
-//     load lazily|eagerly LIBUNWIND EXECUTABLE NAME [ARGUMENT ...]
-//
-// maps the slice for this machine's architecture, rebases it, binds its imports and calls its entry point with NAME and
-// the arguments. LIBUNWIND is LLVM's libunwind, built for macOS, where it is a part of libSystem. Nothing on Linux can
-// stand in for it: the executable's functions have Apple's compact unwind information. Functions are bound when they
-// are first called, or all at once before. What the loader doesn't know it refuses with one line on standard error and
-// status 126.
-//
-// Nothing here allocates memory: allocations are the executable's, so that they can be counted and fail.
+// What is left is done here: imports are bound, segments protected, the entry point is called. What isn't known is
+// refused. Nothing allocates memory: allocations are the executable's, so that they can be counted and fail.
+#include "load.h"
+
+#include <sys/mman.h>
 #include <unistd.h>
 
-#include <string_view>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
 
-#include "bind.h"
-#include "image.h"
-#include "images.h"
-#include "rebase.h"
-#include "refuse.h"
+#include "slice.h"
 
 namespace macho {
 
 namespace {
 
-FunctionsAreBound whenFunctionsAreBound(std::string_view word) {
-  if (word == "lazily") return FunctionsAreBound::kWhenCalled;
-  if (word == "eagerly") return FunctionsAreBound::kAtLaunch;
-  refuse("functions are bound lazily or eagerly, not %.*s", static_cast<int>(word.size()), word.data());
+// Returns the address.
+std::uint64_t bind(const Import& import) {
+  const void* const found = import.address != nullptr ? import.address : findInLibrary(import.library, import.symbol);
+  if (found == nullptr) refuse("the import %s of %s isn't known", import.symbol, import.library);
+  const std::uint64_t address = reinterpret_cast<std::uint64_t>(found) + static_cast<std::uint64_t>(import.addend);
+  std::memcpy(import.pointer, &address, sizeof address);
+  return address;
+}
+
+void bindAtLaunch() {
+  for (const Import* import = kImports; import->pointer != nullptr; ++import) {
+    if (import->lazyBinding == -1) bind(*import);
+  }
+}
+
+void protectSegments() {
+  for (const Segment* segment = kSegments; segment->begin != nullptr; ++segment) {
+    if (mprotect(segment->begin, segment->size, segment->protection) != 0) refuse("a segment can't be protected");
+  }
 }
 
 using EntryPoint = int(int argumentCount, char** arguments, char** environment, const char** fromKernel);
 
-int run(const Image& image, int argumentCount, char** arguments) {
-  const char* fromKernel[] = {image.path, nullptr};
-  auto* const entryPoint = reinterpret_cast<EntryPoint*>(image.text + image.entryPoint->offset);
-  return entryPoint(argumentCount, arguments, environ, fromKernel);
+}  // namespace
+
+void refuse(const char* format, ...) {
+  char text[512];
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text, sizeof text, format, arguments);
+  va_end(arguments);
+  dprintf(STDERR_FILENO, "load: %s\n", text);
+  _exit(126);
 }
 
-}  // namespace
+bool findUnwindSections(const void* address, UnwindSections* sections) {
+  if (address < executable || address >= endOfImages) return false;
+  *sections = kUnwindSections[address < libunwind ? 0 : 1];
+  return true;
+}
 
 }  // namespace macho
 
-int main(int argumentCount, char** arguments) {
-  using namespace macho;
-  if (argumentCount < 5) refuse("usage: load lazily|eagerly LIBUNWIND EXECUTABLE NAME [ARGUMENT ...]");
-  const FunctionsAreBound when = whenFunctionsAreBound(arguments[1]);
-  const Image& executable = addImage(mapImage(arguments[3], kExecutable));
-  const Image& unwinder = addImage(mapImage(arguments[2], kDynamicLibrary));
-  for (const Image* const image : {&unwinder, &executable}) {
-    rebase(*image);
-    bind(*image, when, findImport);
-    protectConstants(*image);
+// Called by stubBinder for a function that isn't bound yet. Returns its address.
+extern "C" std::uint64_t bindCalledFunction(std::int64_t lazyBinding) {
+  for (const macho::Import* import = macho::kImports; import->pointer != nullptr; ++import) {
+    if (import->lazyBinding == lazyBinding) return macho::bind(*import);
   }
-  return run(executable, argumentCount - 4, arguments + 4);
+  macho::refuse("there is no lazy binding %ld", lazyBinding);
+}
+
+int main(int argumentCount, char** arguments) {
+  macho::bindAtLaunch();
+  macho::protectSegments();
+  const char* fromKernel[] = {arguments[0], nullptr};
+  const auto entryPoint = reinterpret_cast<macho::EntryPoint*>(macho::kEntryPoint);
+  return entryPoint(argumentCount, arguments, environ, fromKernel);
 }

@@ -11,7 +11,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "refuse.h"
+#include "load.h"
 
 namespace macho {
 

@@ -57,7 +57,7 @@ unsigned numberOfThread(std::uint64_t thread);
 
 }  // namespace macho
 
-// Reached through variadic.S on arm64.
+// Reached through calls.S on arm64.
 extern "C" {
 
 int openFile(const char* path, int flags, mode_t mode);
