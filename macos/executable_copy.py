@@ -12,14 +12,30 @@ EXECUTABLE = pathlib.Path(
 )
 ARCHITECTURES = ("x86_64", "arm64")
 
-# Where a field is in Mach-O's header, in any command, in those of segments and others, and in a section; its format.
+# Fields of Mach-O's header, commands and sections: where each is from their beginning on, and its format.
 FIELDS = {
-    **{"cputype": (4, "I"), "filetype": (12, "I"), "flags": (24, "I")},
-    **{"cmd": (0, "I")},
-    **{"segname": (8, "16s"), "vmaddr": (24, "Q"), "vmsize": (32, "Q"), "fileoff": (40, "Q"), "filesize": (48, "Q")},
-    **{"initprot": (60, "I"), "nsyms": (12, "I"), "stroff": (16, "I"), "strsize": (20, "I"), "datasize": (12, "I")},
-    **{"rebase_off": (8, "I"), "bind_off": (16, "I"), "lazy_bind_off": (32, "I"), "compatibility_version": (20, "I")},
-    **{"addr": (32, "Q"), "size": (40, "Q"), "offset": (48, "I"), "kind": (64, "I")},
+    "cmd": (0, "I"),
+    "cputype": (4, "I"),
+    "filetype": (12, "I"),
+    "flags": (24, "I"),
+    "segname": (8, "16s"),
+    "vmaddr": (24, "Q"),
+    "vmsize": (32, "Q"),
+    "fileoff": (40, "Q"),
+    "filesize": (48, "Q"),
+    "initprot": (60, "I"),
+    "addr": (32, "Q"),
+    "size": (40, "Q"),
+    "offset": (48, "I"),
+    "kind": (64, "I"),
+    "nsyms": (12, "I"),
+    "stroff": (16, "I"),
+    "strsize": (20, "I"),
+    "datasize": (12, "I"),
+    "rebase_off": (8, "I"),
+    "bind_off": (16, "I"),
+    "lazy_bind_off": (32, "I"),
+    "compatibility_version": (20, "I"),
 }
 SEGMENT_SIZE, SECTION_SIZE = 72, 80
 
