@@ -8,6 +8,7 @@ at launch, as from macOS 12 on. LIEF reads the format; nothing else here has to.
 import struct
 import sys
 
+import lief
 from lief import MachO
 
 CLASS = MachO.DyldBindingInfo.CLASS
@@ -40,7 +41,7 @@ class Image:
 
     def list_words(self, images):
         """The content, as assembler. Weak symbols, of which the first definition counts, are the images' own."""
-        words = list(struct.unpack(f"<{len(self.content()) // 8}Q", self.content()))
+        words = [word for (word,) in struct.iter_unpack("<Q", self.content())]
         for relocation in self.slice.relocations:
             i = self.index(relocation.address)
             words[i] = self.at(words[i])
@@ -87,6 +88,7 @@ def print_array(kind, name, rows):
 
 
 def main(architecture, way, *paths):
+    lief.logging.disable()  # what there is to say of the executable, the inspection has said
     images = [Image(name, path, architecture) for name, path in zip(("executable", "libunwind"), paths)]
     executable, unwinder = images
     print('#include "slice.h"', 'asm(R"(.data', ".globl executable, libunwind, endOfImages", sep="\n")

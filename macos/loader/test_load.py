@@ -41,8 +41,8 @@ def test_refuses_an_unknown_import(run):
         assert (refused.stdout, refused.stderr, refused.returncode) == refusal(line)
 
 
-# Instructions that load a constant, and the same with one that isn't known: the flags of the output file, with O_EXCL in
-# place of O_CREAT and O_TRUNC; the memory's, with MAP_SHARED beside them; SIGPIPE, which becomes SIGALRM.
+# Instructions that load a constant, and the same with one that isn't known: the flags of the output file, with O_EXCL
+# in place of O_CREAT and O_TRUNC; the memory's, with MAP_SHARED beside them; SIGPIPE, which becomes SIGALRM.
 CONSTANTS = {
     "open gets the unknown bits 0x800": {
         "x86_64": (b"\xbe\x01\x06\0\0", b"\xbe\x01\x08\0\0"),
