@@ -58,7 +58,7 @@ def test_password_is_offered_once_and_plainly(tool, serve, scheme):
 
 
 def test_nginx_receives_fields_over_tls(tool, nginx):
-    answer = tool.request(f"{nginx.https_url}/echo|q=1||X-Demo:\\sa\\sb|Me/1.0")
+    answer = tool.request(f"{nginx.https_url}/echo|q=1||X-Demo:\\sa\\sb|Me/1.0|20000")
     protocol = libcurl.answer("protocol over TLS")
     assert answer == Answer(b"200\n%s GET /echo?q=1\nUser-Agent: Me/1.0\nX-Demo: a b\n\n" % protocol)
 

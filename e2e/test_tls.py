@@ -62,7 +62,7 @@ def test_certificate_for_another_name(check, make_certificate):
 
 def test_nginx_over_tls(tool, nginx):
     protocol = libcurl.answer("protocol over TLS")
-    answer = tool.request(nginx.https_url + "/echo")
+    answer = tool.request(nginx.https_url + "/echo|||||20000")
     assert answer == Answer(b"200\n%s GET /echo\nUser-Agent: \nX-Demo: \n\n" % protocol)
 
 
