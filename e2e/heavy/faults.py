@@ -40,7 +40,8 @@ if libcurl.openssl_version() >= (3, 5, 0):
         FROM_THEN_ON += [("hang", size) for size in (16, 32, 48, 56, 56, 56, 56, 56, 96)]
 # LibreSSL exits when it can't read its configuration. To free a table that couldn't grow, it reads beyond its end.
 if libcurl.is_on_libressl() and libcurl.answer("configures LibreSSL"):
-    ALONE += [("abort", size) for size in (32, 40, 100, 100, 472)]
+    of_asprintf = [100, 100] if os.confstr("CS_GNU_LIBC_VERSION") < "glibc 2.37" else [25]
+    ALONE += [("abort", size) for size in [32, 40, 472, *of_asprintf]]
     FROM_THEN_ON += [("abort", 40)]
 if libcurl.is_on_libressl() and libcurl.answer("cleans LibreSSL up"):
     ALONE += [("crash", 1024), ("crash", 2048)]
