@@ -36,6 +36,20 @@ ANSWERS = {
     "byte beyond ASCII in a path": {"7.54.0": b"%c", "7.88.1": b"%%%02x", "8.22.0": b"%%%02X"},
     # The path that it asks for when a "#" in the URL swallows the rest.
     "/x#x#?": {"7.54.0": b"/x", "7.64.1": b"/x#x#?", "7.79.1": b"/x"},
+    # Is the dot left out that ends a name, for which the search domains are then tried?
+    "leaves a final dot out": {"7.54.0": True, "7.64.1": False},
+    # SOCKS 4, which knows no IPv6, and a name with addresses of both families, or an IPv6 one in the hosts file; with
+    # what is asked of DNS.
+    "SOCKS 4 and both families": {
+        "7.54.0": (b"6\n", ["host.test. A AAAA"]),
+        "7.79.1": (b"200\n192.0.2.7\n", ["host.test. A AAAA"]),
+        "7.88.1": (b"200\n192.0.2.7\n", ["host.test. A"]),
+    },
+    "SOCKS 4 and IPv6 in the hosts file": {
+        "7.54.0": (b"6\n", []),
+        "7.79.1": (b"97\n", []),
+        "7.88.1": (b"200\n192.0.2.7\n", ["host.test. A"]),
+    },
     # Redirects: before 7.65.2 they also lead to schemes other than HTTP(S) and FTP(S).
     "redirect to gopher": {"7.54.0": b"7\n", "7.65.2": b"1\n"},
     "endless redirects": {"7.54.0": b"28\n", "7.88.1": b"56\n", "8.0.0": b"28\n", "8.3.0": b"47\n"},
