@@ -12,9 +12,7 @@ install(FILES ${PROJECT_BINARY_DIR}/webreq.1 DESTINATION ${CMAKE_INSTALL_MANDIR}
 set(documents ${CMAKE_INSTALL_DATADIR}/doc/${package})
 file(READ packaging/debian/copyright copyright)
 if(WEBREQ_STATIC)
-  execute_process(COMMAND ${CMAKE_CXX_COMPILER} -E -dM -include features.h -x c /dev/null OUTPUT_VARIABLE macros)
-  string(REGEX REPLACE ".*__GLIBC__ ([0-9]+).*" "\\1" glibc_version "${macros}")
-  string(REGEX REPLACE ".*__GLIBC_MINOR__ ([0-9]+).*" "${glibc_version}.\\1" glibc_version "${macros}")
+  include(static/Contents.cmake)
   file(READ static/copyright libraries)
   string(APPEND copyright "${libraries}")
 endif()
@@ -27,7 +25,7 @@ install(DIRECTORY docs examples DESTINATION ${documents} USE_SOURCE_PERMISSIONS 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME ${package})
 set(CPACK_PACKAGE_CONTACT ${WEBREQ_MAINTAINER})
-set(CPACK_STRIP_FILES ON)
+set(CPACK_STRIP_FILES $<NOT:$<BOOL:${WEBREQ_STATIC}>>)
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/debian/finish.cmake)
 
 set(CPACK_PACKAGE_DESCRIPTION "It is started by other programs, for which it performs a request that one
@@ -35,7 +33,7 @@ argument describes. The answer, the result and the body of the response, is on
 its standard output, or the body in a file. Certificates are not verified.")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
-if(EXISTS /etc/debian_version)  # its releases make packages that differ
+if(EXISTS /etc/debian_version AND NOT WEBREQ_STATIC)  # its releases make packages that differ
   cmake_host_system_information(RESULT debian QUERY DISTRIB_VERSION_ID)
   string(APPEND CPACK_DEBIAN_PACKAGE_RELEASE ~deb${debian}u1)
 endif()

@@ -59,15 +59,16 @@ endif()
 
 # Nothing can be preloaded into a static executable: the same objects once more, with allocations that fail.
 if(WEBREQ_STATIC)
-  add_executable(webreq_failing_malloc app/main.cpp static/name_services.cpp e2e/support/preload/failing_malloc.cpp)
+  add_executable(webreq_failing_malloc app/main.cpp e2e/support/preload/failing_malloc.cpp)
   target_compile_definitions(webreq_failing_malloc PRIVATE WRAPPED)
   target_link_libraries(webreq_failing_malloc PRIVATE front_end compiler_options)
-  target_link_options(webreq_failing_malloc PRIVATE -static-pie
-    LINKER:--wrap=aligned_alloc,--wrap=calloc,--wrap=main,--wrap=malloc,--wrap=posix_memalign,--wrap=realloc)
+  foreach(name IN ITEMS aligned_alloc calloc main malloc posix_memalign realloc)
+    target_link_options(webreq_failing_malloc PRIVATE --wrap=${name})
+  endforeach()
 endif()
 
-# The unit tests are about the code, not about the machine.
-if(CMAKE_CROSSCOMPILING)
+# The unit tests are about the code, not about the machine and its C library.
+if(WEBREQ_STATIC)
   return()
 endif()
 

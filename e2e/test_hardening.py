@@ -5,9 +5,19 @@ import os
 import subprocess
 
 import pytest
-from conftest import BUILD, EXECUTABLE, REPOSITORY, impossible_on_macos, only_static
+from conftest import (
+    BUILD,
+    EXECUTABLE,
+    IS_STATIC,
+    REPOSITORY,
+    impossible_on_macos,
+    impossible_under_translator,
+    only_static,
+)
 
 pytestmark = impossible_on_macos("no ELF files")
+
+except_static = pytest.mark.skipif(IS_STATIC, reason="has zig's libraries")
 
 OWN_LIBRARIES = ["libfront_end.a", "libreqkit.a"]
 
@@ -51,9 +61,11 @@ def test_stack_is_protected(symbols):
     assert "__stack_chk_fail" in symbols
 
 
-@pytest.mark.parametrize(
-    "option", ["-D_FORTIFY_SOURCE=3", "-fPI", "-fstack-clash-protection", "-fstack-protector-strong"]
-)
+# The C library's checks and the C++ library's; musl has none of the former.
+CHECKS = "-D_LIBCPP_HARDENING_MODE=_LIBCPP_HARDENING_MODE_EXTENSIVE" if IS_STATIC else "-D_FORTIFY_SOURCE=3"
+
+
+@pytest.mark.parametrize("option", [CHECKS, "-fPI", "-fstack-clash-protection", "-fstack-protector-strong"])
 def test_every_file_is_compiled_with(option):
     """Those of the libraries in a static build as well. The commands tell, since no frame of the tool's own is large
     enough for its machine code to show all of these."""
@@ -61,10 +73,21 @@ def test_every_file_is_compiled_with(option):
     assert [entry["file"] for entry in commands if option not in entry["command"]] == []
 
 
+@except_static
 def test_library_assertions_are_on(symbols):
     assert "std::__glibcxx_assert_fail" in symbols
 
 
+@only_static
+@impossible_under_translator("objdump is for this machine's code")
+def test_library_assertions_trap():
+    """Nothing else has the compiler emit this instruction."""
+    archives = [BUILD / name for name in OWN_LIBRARIES]
+    code = subprocess.run(["objdump", "--disassemble", *archives], capture_output=True, check=True, text=True).stdout
+    assert "\tud2" in code
+
+
+@except_static
 def test_buffers_are_checked(symbols):
     if "clang" in inspect("readelf", "--string-dump", ".comment"):
         pytest.skip("clang proves the one call safe and leaves it unchecked")

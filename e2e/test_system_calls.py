@@ -16,6 +16,8 @@ from scripted_server import reply
 BODY = b"a body\0with NUL"
 WHOLE = b"200\n" + BODY + b"\n"
 
+OPEN = "?open,openat"  # musl calls open where the processor has it
+
 UNDER_STRACE = {**ENVIRONMENT, "ASAN_OPTIONS": "detect_leaks=0"}  # the leak check can't run there
 
 pytestmark = [
@@ -56,7 +58,7 @@ def test_standard_output_that_cannot_be_written_is_skipped(inject, tmp_path, fau
 
 @pytest.mark.parametrize("error", ["ENOSPC", "EIO", "EACCES", "EMFILE"])
 def test_output_file_that_cannot_be_opened(inject, tmp_path, error):
-    assert inject(tmp_path / "out", f"openat:error={error}", output_file=tmp_path / "out") == b"200\n"
+    assert inject(tmp_path / "out", f"{OPEN}:error={error}", output_file=tmp_path / "out") == b"200\n"
     assert not (tmp_path / "out").exists()
 
 
@@ -69,7 +71,7 @@ def test_output_file_that_cannot_be_written(inject, tmp_path, fault):
 @pytest.mark.parametrize(
     "fault",
     [
-        "openat:error=EINTR:when=1..3",
+        f"{OPEN}:error=EINTR:when=1..3",
         "write:error=EINTR:when=1..3",
         "write:error=EAGAIN:when=1..3",
         "close:error=EIO",
@@ -120,9 +122,10 @@ def test_no_write_is_larger_than_every_system_takes(tool, tmp_path):
 def test_closed_descriptor_without_a_dev_null(tool, tmp_path, serve, descriptor):
     server = serve(reply(200, BODY))
     closing = ["sh", "-c", f'exec "$@" {descriptor}>&-', "sh"]
-    strace = ["strace", "-qq", "-o", tmp_path / "trace", "-P", "/dev/null", "--inject=openat:error=ENOENT"]
+    strace = ["strace", "-qq", "-o", tmp_path / "trace", "-P", "/dev/null", f"--inject={OPEN}:error=ENOENT"]
     command = [*strace, *closing, tool.path, "-web", f"{server.url}||||||out"]
     assert tool.run_command(command, env=UNDER_STRACE) == Answer(b"" if descriptor == 1 else b"200\n")
+    assert "(INJECTED)" in (tmp_path / "trace").read_text()
     assert (tmp_path / "out").read_bytes() == BODY
     assert server.requests == [server.get()]
 

@@ -3,6 +3,7 @@
 scripts/serve runs this file, with the address of a server in HTTP_URL.
 """
 
+import json
 import os
 import pathlib
 import subprocess
@@ -55,7 +56,8 @@ def expected_listing(name, is_deb):
     documents += ["changelog.gz", "changelog.Debian.gz"] if is_deb else ["changelog"]
     files = [f"share/doc/{name}/{document}" for document in documents]
     files += ["bin/webreq", "share/man/man1/webreq.1" + ".gz" * is_deb]
-    files += [f"share/lintian/overrides/{name}"] * (is_deb and name == "webreq-static")
+    if name == "webreq-static":
+        files += [f"share/doc/{name}/{name}.spdx.json", *[f"share/lintian/overrides/{name}"] * is_deb]
     return {file: ("0o755" if file.endswith((".sh", "bin/webreq")) else "0o644", 0, 0) for file in files}
 
 
@@ -110,10 +112,36 @@ def test_what_a_deb_says_of_itself(pattern):
     release = output("sh", "-c", ". /etc/os-release; echo $VERSION_ID").decode().strip()
     description = " ".join(field(package, "Description").split())
     is_static = name_of(package) == "webreq-static"
-    assert field(package, "Version").endswith(f"-1~deb{release}u1")
+    assert field(package, "Version").endswith("-1" if is_static else f"-1~deb{release}u1")
     assert bool(field(package, "Depends")) != is_static
     assert "Certificates are not verified." in description
     assert ("static and needs nothing" in description) == is_static
+
+
+LINKED = ["curl", "aws-lc", "c-ares", "nghttp2", "musl", "libc++", "libc++abi", "libunwind", "compiler-rt"]
+
+# In the virtual environment of deps/fetch: prints what is wrong with an SPDX list.
+VALIDATE = """
+import sys
+from spdx_tools.spdx.parser.json import json_parser
+from spdx_tools.spdx.validation.document_validator import validate_full_spdx_document
+for message in validate_full_spdx_document(json_parser.parse_from_file(sys.argv[1])):
+    print(message)
+"""
+
+
+@pytest.mark.parametrize("pattern", [pattern for pattern in [*DEBS, *ARCHIVES] if "static" in pattern])
+def test_list_of_linked_libraries(pattern, tmp_path):
+    unpack(find(pattern), tmp_path)
+    (path,) = tmp_path.glob("**/webreq-static.spdx.json")
+    assert output(REPOSITORY / "build/tools/bin/python", "-c", VALIDATE, path) == b""
+    pins = "".join(pins.read_text() for pins in (REPOSITORY / "deps").glob("*.txt"))
+    copyright_file = path.with_name("copyright").read_text()
+    _, *libraries = json.loads(path.read_text())["packages"]
+    assert [library["name"] for library in libraries] == LINKED
+    for library in libraries:
+        assert f"Version {library['versionInfo']}." in copyright_file
+        assert library["checksums"] and all(sum["checksumValue"] in pins for sum in library["checksums"])
 
 
 def field(package, name):
