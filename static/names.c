@@ -85,7 +85,7 @@ static void takeAnswer(void* argument, int status, int timeouts, struct ares_add
   }
   if (--lookup->open > 0) return;
   const bool searchOn = maySearchOn(&lookup->questions[0]) && maySearchOn(&lookup->questions[1]);
-  if (!lookup->found && searchOn && lookup->nextName < lookup->nameCount) {
+  if (searchOn && lookup->nextName < lookup->nameCount) {
     ask(lookup);
   } else {
     end(lookup, !lookup->found);
@@ -192,7 +192,6 @@ void webreq_ares_getaddrinfo(ares_channel_t* channel, const char* name, const ch
     return;
   }
   Question questions[FAMILIES] = {waiting, question};
-  waiting.callback = NULL;
   startLookup(channel, name, port, hints, questions);
 }
 
