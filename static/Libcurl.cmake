@@ -32,7 +32,9 @@ set(CMAKE_POLICY_DEFAULT_CMP0126 NEW)  # and those of more than two states
 function(add_library_source library)
   set(BUILD_SHARED_LIBS OFF)
   set(CMAKE_COMPILE_WARNING_AS_ERROR OFF)
-  add_compile_options(-w)
+  foreach(language IN ITEMS ASM C CXX)
+    string(APPEND CMAKE_${language}_FLAGS " -w")
+  endforeach()
   add_subdirectory(${${library}_source} ${library} EXCLUDE_FROM_ALL SYSTEM)
 endfunction()
 

@@ -50,7 +50,8 @@ static void answer(Question* question, int status, struct ares_addrinfo* address
 
 // Answers what is still to be answered.
 static void end(Lookup* lookup, bool fromFile) {
-  for (Question* question = lookup->questions; question < lookup->questions + FAMILIES; ++question) {
+  for (int i = 0; i < FAMILIES; ++i) {
+    Question* const question = &lookup->questions[i];
     if (fromFile && question->fromFile) {
       answer(question, ARES_SUCCESS, question->fromFile);
     } else {
@@ -151,14 +152,20 @@ static int readHostsFile(Lookup* lookup, const char* name) {
 // nsswitch.conf says whether the file or DNS, or both, and which of them first: a channel's lookups, "fb" as a rule.
 static void start(Lookup* lookup, const char* name) {
   char* const lookups = lookup->channel->lookups;
-  const bool fileFirst = *lookups == 'f';
   const bool asksDns = strchr(lookups, 'b');
   int status = strchr(lookups, 'f') ? readHostsFile(lookup, name) : ARES_SUCCESS;
-  if (status != ARES_SUCCESS) return endWith(lookup, status);
-  if (!asksDns || (fileFirst && (lookup->questions[0].fromFile || lookup->questions[1].fromFile)))
-    return end(lookup, true);
-  status = (int)ares_search_name_list(lookup->channel, name, &lookup->names, &lookup->nameCount);
-  if (status != ARES_SUCCESS) return endWith(lookup, status);
+  const bool isInFile = lookup->questions[0].fromFile || lookup->questions[1].fromFile;
+  if (status == ARES_SUCCESS && (!asksDns || (*lookups == 'f' && isInFile))) {
+    end(lookup, true);
+    return;
+  }
+  if (status == ARES_SUCCESS) {
+    status = (int)ares_search_name_list(lookup->channel, name, &lookup->names, &lookup->nameCount);
+  }
+  if (status != ARES_SUCCESS) {
+    endWith(lookup, status);
+    return;
+  }
   strcpy(lookups, "b");  // from here on c-ares asks DNS, for the very names that it is given
   lookup->channel->flags |= ARES_FLAG_NOSEARCH | ARES_FLAG_NOALIASES;
   ask(lookup);
