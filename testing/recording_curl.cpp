@@ -170,6 +170,10 @@ RecordingCurl::RecordingCurl() {
 
 RecordingCurl::~RecordingCurl() { answers = nullptr; }
 
+void RecordingCurl::note(const std::string& call, bool again) {
+  if (again || recording.calls.empty() || recording.calls.back().line != call + "\n") record(call);
+}
+
 std::string RecordingCurl::calls() const { return callsBeforeAllocation(std::numeric_limits<std::size_t>::max()); }
 
 std::string RecordingCurl::callsBeforeAllocation(std::size_t index) const {

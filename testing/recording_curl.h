@@ -42,6 +42,9 @@ struct RecordingCurl {
   // What is done to a handle or a list that isn't alive is recorded as such.
   std::string calls() const;
 
+  // Adds a line for a call to something else, in its place among these; unless `again`, not twice in a row.
+  static void note(const std::string& call, bool again = true);
+
   // The calls made before the index-th allocation that FailingAllocation counted; the first is 1.
   std::string callsBeforeAllocation(std::size_t index) const;
 
