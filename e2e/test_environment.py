@@ -1,16 +1,85 @@
 """Variables and files around a run: the libraries read a few, the tool none."""
 
+import os
+import re
+
 import libcurl
 import pytest
-from conftest import ANSWERED, ENVIRONMENT, IS_STATIC, Answer
-from scripted_server import RESPONSE
+from conftest import ANSWERED, ENVIRONMENT, IS_STATIC, REPOSITORY, Answer
+from scripted_server import READ_REQUEST, RESPONSE, pause, reply
+
+PROXIES = {
+    "http": ["http_proxy", "all_proxy", "ALL_PROXY"],
+    "https": ["https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"],
+}
+NO_PROXIES = ["no_proxy", "NO_PROXY"]
 
 
-def test_netrc_is_not_read(tool, tmp_path, serve):
-    (tmp_path / ".netrc").write_text("machine 127.0.0.1 login user password secret\n")
+def test_each_variable_of_the_manual_page_has_a_test():
+    documented = re.findall(r"^\.It Ev (.*)", (REPOSITORY / "docs/webreq.1").read_text(), re.MULTILINE)
+    tested = {*PROXIES["http"], *PROXIES["https"], *NO_PROXIES, "SSLKEYLOGFILE", "OPENSSL_CONF"}
+    assert set(" , ".join(documented).split(" , ")) == tested
+
+
+@pytest.mark.parametrize("name", PROXIES["http"])
+def test_proxy_for_http(tool, serve, name):
+    proxy = serve(RESPONSE)
+    assert tool.request("http://192.0.2.7/", env={**ENVIRONMENT, name: proxy.url}) == ANSWERED
+    assert proxy.requests[0].startswith(b"GET http://192.0.2.7/ ")
+
+
+@pytest.mark.parametrize("name", PROXIES["https"])
+def test_proxy_for_https(tool, serve, name):
+    proxy = serve(reply(403))
+    answer = tool.request("https://192.0.2.7/", env={**ENVIRONMENT, name: proxy.url})
+    assert answer == Answer(libcurl.answer("refused tunnel"))
+    assert proxy.requests[0].startswith(b"CONNECT 192.0.2.7:443 ")
+
+
+@pytest.mark.parametrize("name", NO_PROXIES)
+def test_no_proxy(tool, serve, name):
+    environment = {**ENVIRONMENT, "http_proxy": "http://127.0.0.1:1", name: "127.0.0.1"}
+    assert tool.request(serve(RESPONSE).url, env=environment) == ANSWERED
+
+
+def test_variables_that_nothing_reads(tool, tmp_path, serve):
+    """libcurl leaves out HTTP_PROXY, into which a web server may have put a request's header line."""
+    server = serve([READ_REQUEST, pause(1.5), RESPONSE])
+    fields = {"URL": "x:", "PARAM": "x", "CMD": "p", "HEADER": "X-A: 1", "AGENT": "x", "TIMEOUT": "999", "OUTFILE": "x"}
+    variables = {f"WEBREQ_{name}": value for name, value in fields.items()}
+    assert tool.request(server.url, env={**ENVIRONMENT, "HTTP_PROXY": "http://127.0.0.1:1", **variables}) == ANSWERED
+    assert server.requests == [server.get()]
+    assert list(tmp_path.iterdir()) == []
+
+
+@pytest.mark.parametrize("name", [".webreqrc", ".config/webreqrc", ".curlrc", ".config/curlrc", ".netrc"])
+def test_file_that_nothing_reads(tool, tmp_path, serve, name):
+    """It is a FIFO: whoever opens it waits."""
+    (tmp_path / name).parent.mkdir(exist_ok=True)
+    os.mkfifo(tmp_path / name)
     server = serve(RESPONSE)
     assert tool.request(server.url, env={**ENVIRONMENT, "HOME": str(tmp_path)}) == ANSWERED
     assert server.requests == [server.get()]
+
+
+def test_locale_that_knows_all_letters(tool, serve):
+    """The tool stays in the locale "C", in which no such name becomes an ASCII one."""
+    proxy = serve(RESPONSE)
+    environment = {**ENVIRONMENT, "LC_ALL": "C.UTF-8", "http_proxy": proxy.url}
+    answer = tool.request("http://b\u00fccher.invalid/", env=environment)
+    if libcurl.refuses_international_names():
+        assert answer == Answer(b"3\n")
+    else:
+        assert answer == ANSWERED
+        assert proxy.requests[0].startswith("GET http://b\u00fccher.invalid/ ".encode())
+
+
+def test_file_for_tls_secrets(tool, tmp_path, nginx):
+    """Some builds of libcurl append them."""
+    environment = {**ENVIRONMENT, "SSLKEYLOGFILE": str(tmp_path / "secrets")}
+    assert tool.request(nginx.https_url + "/empty", env=environment) == Answer(b"204\n")
+    for path in tmp_path.iterdir():
+        assert path.name == "secrets" and re.fullmatch(rb"([A-Z_\d]+ [\da-f]{64} [\da-f]+\n)*", path.read_bytes())
 
 
 # A cipher that no server here has.

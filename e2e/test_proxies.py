@@ -99,11 +99,6 @@ def test_socks(request_through, serve, scheme, host, handshake):
     assert proxy.requests == [PLAIN.replace(b"192.0.2.7", host.encode())]
 
 
-def test_no_proxy(request_through, serve):
-    server = serve(RESPONSE)
-    assert request_through(server.url, http_proxy="http://127.0.0.1:1", no_proxy="127.0.0.1") == ANSWERED
-
-
 @impossible_on_macos("no network of a run's own")
 @pytest.mark.skipif(not own_network.is_possible(), reason="no folder /etc can be put in the place of the system's")
 @pytest.mark.parametrize(
