@@ -124,9 +124,8 @@ def comma_locale(tmp_path):
     (tmp_path / "definition").write_text(
         'LC_NUMERIC\ndecimal_point ","\nthousands_sep ""\ngrouping -1\nEND LC_NUMERIC\n'
     )
-    codes = "".join(
-        f"<U{code:04X}> \\x{code:02x}\n" for code in range(128)
-    )  # Debian 13 has none without package locales
+    # Debian 13 has none without package locales.
+    codes = "".join(f"<U{code:04X}> \\x{code:02x}\n" for code in range(128))
     (tmp_path / "ascii").write_text(f"CHARMAP\n{codes}END CHARMAP\n")
     command = ["localedef", "--force", "-f", tmp_path / "ascii", "-i", tmp_path / "definition", tmp_path / "comma"]
     if not shutil.which("localedef") or subprocess.run(command, capture_output=True, check=False).returncode > 1:

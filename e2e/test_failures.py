@@ -1,10 +1,8 @@
 """Requests that no server answers: libcurl's error code is the result, and there is no body."""
 
-import resource
-
 import libcurl
 import pytest
-from conftest import IS_SANITIZED, Answer, impossible_on_macos
+from conftest import Answer
 from scripted_server import reply
 
 NO_SUCH_HOST = "a" * 64 + ".invalid"  # a label longer than names may have: no resolver is asked
@@ -49,23 +47,3 @@ def test_empty_file_has_neither_status_nor_body(tool, tmp_path):
 def test_folder(tool, tmp_path):
     (tmp_path / "file").write_bytes(b"")
     assert tool.request(f"file://{tmp_path}") == Answer(libcurl.answer("file:// on a folder"))
-
-
-def limit_address_space(mebibytes):
-    limit = mebibytes << 20
-    return lambda: resource.setrlimit(resource.RLIMIT_AS, (limit, limit))
-
-
-has_room = pytest.mark.skipif(IS_SANITIZED, reason="the sanitizers need terabytes of address space")
-has_limit = impossible_on_macos("no limit to the address space")
-
-
-@has_room
-@has_limit
-@pytest.mark.parametrize("mebibytes", [300, 1100, 3400])
-@pytest.mark.parametrize("scheme", ["http", "https"])
-def test_scarce_address_space_suffices(tool, nginx, mebibytes, scheme):
-    url = {"http": nginx.http_url, "https": nginx.https_url}[scheme].replace("127.0.0.1", "localhost")
-    answer = tool.request(f"{url}/echo|||||30000", preexec_fn=limit_address_space(mebibytes))
-    assert answer.stdout.startswith(b"200\nHTTP/")
-    assert answer == answer._replace(stderr=b"", status=0)

@@ -1,13 +1,16 @@
-"""Where the body goes, and what becomes of a run whose output can't be written."""
+"""Standard output: what it gets, and what becomes of a run when it can't be written."""
 
+import contextlib
 import os
+import pathlib
 import socket
 import threading
+import tty
 
 import pytest
 from conftest import Answer, impossible_on_macos
 from nginx import Nginx
-from scripted_server import OK, reply
+from scripted_server import reply
 
 needs_full = impossible_on_macos("no /dev/full")
 
@@ -33,39 +36,59 @@ def large_url(large, tmp_path_factory):
         yield server.http_url + "/large"
 
 
-def test_file_receives_the_exact_body(tool, tmp_path, url):
-    assert tool.request(f"{url}||||||out.txt") == Answer(b"200\n")
-    assert (tmp_path / "out.txt").read_bytes() == BODY
+def through_pipe(tool, description):
+    return tool.request(description).stdout
 
 
-def test_absolute_path_with_blanks_inside(tool, tmp_path, url):
-    assert tool.request(f"{url}|||||| {tmp_path}/my  out \t") == Answer(b"200\n")
-    assert (tmp_path / "my  out").read_bytes() == BODY
+def through_file(tool, description):
+    with open("stdout", "w+b") as file:
+        assert tool.request(description, stdout=file) == Answer(None)
+        file.seek(0)
+        return file.read()
 
 
-@impossible_on_macos("file systems refuse such names")
-def test_name_that_is_no_utf8(tool, tmp_path, url):
-    assert tool.request(url.encode() + b"||||||\xff\xfe") == Answer(b"200\n")
-    assert [os.fsencode(path.name) for path in tmp_path.iterdir()] == [b"\xff\xfe"]
+def read_until_closed(terminal, received):
+    with contextlib.suppress(OSError):  # Linux's word for its end
+        while part := os.read(terminal, 1 << 20):
+            received += part
 
 
-def test_longer_file_is_truncated(tool, tmp_path, url):
-    (tmp_path / "out.txt").write_bytes(b"x" * 1000)
-    assert tool.request(f"{url}||||||out.txt") == Answer(b"200\n")
-    assert (tmp_path / "out.txt").read_bytes() == BODY
+def through_terminal(tool, description):
+    """One that changes no line feeds."""
+    ours, theirs = os.openpty()
+    tty.setraw(theirs)
+    received = bytearray()
+    thread = threading.Thread(target=read_until_closed, args=[ours, received])
+    thread.start()
+    try:
+        assert tool.request(description, stdout=theirs) == Answer(None)
+    finally:
+        os.close(theirs)
+        thread.join()
+        os.close(ours)
+    return received
 
 
-def test_file_with_two_names_is_the_same_file_afterwards(tool, tmp_path, url):
-    (tmp_path / "out.txt").write_bytes(b"former")
-    os.link(tmp_path / "out.txt", tmp_path / "other name")
-    assert tool.request(f"{url}||||||out.txt") == Answer(b"200\n")
-    assert (tmp_path / "other name").read_bytes() == BODY
+def through_output_file(tool, description):
+    """As if it were standard output."""
+    return tool.request(f"{description}||||||out").stdout + pathlib.Path("out").read_bytes() + b"\n"
 
 
-@pytest.mark.parametrize("umask, mode", [(0o000, 0o666), (0o027, 0o640)])
-def test_new_file_has_the_mode_that_the_mask_leaves(tool, tmp_path, url, umask, mode):
-    assert tool.request(f"{url}||||||out.txt", umask=umask) == Answer(b"200\n")
-    assert (tmp_path / "out.txt").stat().st_mode & 0o777 == mode
+@pytest.mark.parametrize("size", [size + more for size in (1 << 16, 1 << 20) for more in (-1, 0, 1)])
+@pytest.mark.parametrize("receive", [through_pipe, through_file, through_terminal, through_output_file])
+def test_round_size(tool, serve, receive, size):
+    body = (bytes(range(251)) * (size // 251 + 1))[:size]
+    assert receive(tool, serve(reply(200, body)).url) == b"200\n" + body + b"\n"
+
+
+@pytest.mark.parametrize("flags", [0, os.O_APPEND])
+def test_output_comes_behind_the_callers_own_and_before_what_follows(tool, url, flags):
+    with open(os.open("out", os.O_RDWR | os.O_CREAT | flags), "w+b", buffering=0) as file:
+        file.write(b"before\n")
+        assert tool.request(url, stdout=file) == Answer(None)
+        file.write(b"behind\n")
+        file.seek(0)
+        assert file.read() == b"before\n200\n" + BODY + b"\nbehind\n"
 
 
 def test_file_of_50_mb(tool, tmp_path, large, large_url):
@@ -75,44 +98,6 @@ def test_file_of_50_mb(tool, tmp_path, large, large_url):
 
 def test_standard_output_of_50_mb(tool, large, large_url):
     assert tool.request(large_url) == Answer(b"200\n" + large + b"\n")
-
-
-@pytest.mark.parametrize("before", [None, b"former contents"])
-def test_empty_response_leaves_an_empty_file(tool, tmp_path, serve, before):
-    if before:
-        (tmp_path / "out.txt").write_bytes(before)
-    assert tool.request(f"{serve(reply(204)).url}||||||out.txt") == Answer(b"204\n")
-    assert (tmp_path / "out.txt").read_bytes() == b""
-
-
-def test_failed_request_truncates_the_file_too(tool, tmp_path):
-    (tmp_path / "out.txt").write_bytes(b"former contents")
-    assert tool.request("http://||||||out.txt") == Answer(b"3\n")
-    assert (tmp_path / "out.txt").read_bytes() == b""
-
-
-def test_partial_body_of_a_failed_request_is_delivered(tool, tmp_path, serve):
-    server = serve(OK + b"Content-Length: 10\r\n\r\nhalf")
-    assert tool.request(f"{server.url}||||||out.txt") == Answer(b"18\n")
-    assert (tmp_path / "out.txt").read_bytes() == b"half"
-
-
-@pytest.mark.parametrize("path", ["missing/out.txt", ".", pytest.param("/dev/full", marks=needs_full), "x" * 300])
-def test_file_that_cannot_be_written_is_skipped(tool, url, path):
-    assert tool.request(f"{url}||||||{path}") == Answer(b"200\n")
-
-
-def test_standard_output_as_the_file_gets_the_body_without_a_line_feed(tool, url):
-    assert tool.request(f"{url}||||||/dev/stdout") == Answer(b"200\n" + BODY)
-
-
-def test_result_line_comes_before_the_file_is_touched(tool, tmp_path, url):
-    """The output file is a FIFO, which the tool can't open before this test reads from it."""
-    os.mkfifo(tmp_path / "fifo")
-    with tool.start([tool.path, "-web", f"{url}||||||fifo"]) as process:
-        assert process.stdout.readline() == b"200\n"
-        assert (tmp_path / "fifo").read_bytes() == BODY
-        assert (*process.communicate(), process.returncode) == Answer(b"")
 
 
 def test_result_line_comes_before_the_body_is_taken(tool, large_url):

@@ -6,7 +6,6 @@ strace makes the calls fail, those on one file only: standard output or the outp
 import os
 import resource
 import shutil
-import subprocess
 import time
 
 import pytest
@@ -45,7 +44,7 @@ def inject(tool, tmp_path, serve):
 
 
 @pytest.mark.parametrize("error", ["EINTR", "EAGAIN"])
-@pytest.mark.parametrize("write", [1, 2, 3])
+@pytest.mark.parametrize("write", [1, 2, 3, "1..3000"])
 def test_interrupted_standard_output_is_whole(inject, tmp_path, error, write):
     assert inject(tmp_path / "stdout", f"write:error={error}:when={write}") == WHOLE
 
@@ -71,9 +70,9 @@ def test_output_file_that_cannot_be_written(inject, tmp_path, fault):
 @pytest.mark.parametrize(
     "fault",
     [
-        f"{OPEN}:error=EINTR:when=1..3",
-        "write:error=EINTR:when=1..3",
-        "write:error=EAGAIN:when=1..3",
+        f"{OPEN}:error=EINTR:when=1..3000",
+        "write:error=EINTR:when=1..3000",
+        "write:error=EAGAIN:when=1..3000",
         "close:error=EIO",
         "close:error=EINTR",
         "close:error=ENOSPC",
@@ -96,7 +95,7 @@ def test_full_pipe_is_awaited_not_polled(tool, tmp_path, serve):
     reader, writer = os.pipe()
     os.set_blocking(writer, False)
     command = ["strace", "-qq", "-o", tmp_path / "trace", "-e", "trace=write,poll,ppoll", tool.path, "-web", url]
-    with open(reader, "rb") as pipe, subprocess.Popen(command, stdout=writer, env=UNDER_STRACE) as process:
+    with open(reader, "rb") as pipe, tool.start(command, stdout=writer, env=UNDER_STRACE) as process:
         os.close(writer)
         time.sleep(0.5)  # enough for thousands of calls
         assert pipe.read() == b"200\n" + body + b"\n"
@@ -104,6 +103,23 @@ def test_full_pipe_is_awaited_not_polled(tool, tmp_path, serve):
     trace = (tmp_path / "trace").read_text()
     assert "poll(" in trace  # or ppoll, which is the only one on arm64
     assert len(trace.splitlines()) < 500
+
+
+def test_pipe_that_is_full_for_longer_than_any_poll(tool, tmp_path, serve):
+    """Each of 3,000 comes back without it being writable, before it is read for the first time."""
+    body = b"x" * 200_000
+    os.mkfifo(tmp_path / "pipe")
+    (tmp_path / "trace").touch()
+    reader, writer = (os.open(tmp_path / "pipe", how | os.O_NONBLOCK) for how in (os.O_RDONLY, os.O_WRONLY))
+    os.set_blocking(reader, True)
+    strace = ["strace", "-qq", "-o", tmp_path / "trace", "-P", tmp_path / "pipe"]
+    command = [*strace, "--inject=/^p?poll$:retval=0:when=1..3000", tool.path, "-web", serve(reply(200, body)).url]
+    with open(reader, "rb") as pipe, tool.start(command, stdout=writer, env=UNDER_STRACE) as process:
+        os.close(writer)
+        while process.poll() is None and (tmp_path / "trace").read_text().count("(INJECTED)") < 3000:
+            time.sleep(0.1)
+        assert pipe.read() == b"200\n" + body + b"\n"
+        assert process.wait() == 0
 
 
 @pytest.mark.skipif(MEMORY < 6 << 30, reason="takes 3 GiB of memory")
