@@ -39,21 +39,14 @@ class Image:
             content += bytes(segment.virtual_address - self.slice.imagebase - len(content)) + bytes(segment.content)
         return content + bytes(-len(content) % PAGE)
 
-    def list_words(self, images):
-        """The content, as assembler. Weak symbols, of which the first definition counts, are the images' own."""
+    def list_words(self):
+        """The content, as assembler."""
         words = [word for (word,) in struct.iter_unpack("<Q", self.content())]
         for relocation in self.slice.relocations:
-            i = self.index(relocation.address)
-            words[i] = self.at(words[i])
-        for binding in self.slice.bindings:
-            if binding.binding_class == CLASS.WEAK:
-                words[self.index(binding.address)] = find_export(images, binding.symbol.name)
+            index, rest = divmod(relocation.address - self.slice.imagebase, 8)
+            assert rest == 0, f"a pointer at {relocation.address:#x}"
+            words[index] = self.at(words[index])
         return "\n".join([f".balign {PAGE}", f"{self.name}:", *(f".quad {word}" for word in words)])
-
-    def index(self, address):
-        index, rest = divmod(address - self.slice.imagebase, 8)
-        assert rest == 0, f"a pointer at {address:#x}"
-        return index
 
     def list_segments(self):
         for segment in self.segments:
@@ -62,7 +55,7 @@ class Image:
             yield f"{self.at(segment.virtual_address)}, {segment.virtual_size:#x}, {protection}"
 
     def list_imports(self, unwinder, way):
-        """What isn't weak. libunwind's own are bound at launch."""
+        """libunwind's are bound at launch. What is bound weakly leads to the first definition, the image's own, already."""
         for binding in self.slice.bindings:
             if binding.binding_class != CLASS.WEAK:
                 symbol, library = binding.symbol.name, binding.library.name
@@ -79,10 +72,6 @@ class Image:
         return f"{self.name}, {', '.join(places)}"
 
 
-def find_export(images, symbol):
-    return next(image.exports[symbol] for image in images if symbol in image.exports)
-
-
 def print_array(kind, name, rows):
     print(f"const {kind} {name}[] = {{", *(f"    {{{row}}}," for row in rows), "};", sep="\n")
 
@@ -92,7 +81,7 @@ def main(architecture, way, *paths):
     images = [Image(name, path, architecture) for name, path in zip(("executable", "libunwind"), paths)]
     executable, unwinder = images
     print('#include "slice.h"', 'asm(R"(.data', ".globl executable, libunwind, endOfImages", sep="\n")
-    print(*(image.list_words(images) for image in images), 'endOfImages:)");', sep="\n")
+    print(*(image.list_words() for image in images), 'endOfImages:)");', sep="\n")
     print("namespace macho {")
     print_array("Segment", "kSegments", [*(row for image in images for row in image.list_segments()), ""])
     print_array("Import", "kImports", [*(row for image in images for row in image.list_imports(unwinder, way)), ""])
