@@ -55,7 +55,7 @@ class Image:
             yield f"{self.at(segment.virtual_address)}, {segment.virtual_size:#x}, {protection}"
 
     def list_imports(self, unwinder, way):
-        """libunwind's are bound at launch. What is bound weakly leads to the first definition, the image's own, already."""
+        """Those of libunwind are bound at launch. What is weak leads to the image's own definition already."""
         for binding in self.slice.bindings:
             if binding.binding_class != CLASS.WEAK:
                 symbol, library = binding.symbol.name, binding.library.name
