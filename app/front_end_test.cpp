@@ -207,6 +207,45 @@ global_cleanup
 )");
 }
 
+std::string callsFor(const std::string& url, const std::string& header) {
+  const RecordingCurl curl;
+  const std::string description = url + "|||" + header + "||5000";
+  EXPECT_EQ(run({"-web", description.c_str()}), (Outcome{0, "200\n"})) << description;
+  return curl.calls();
+}
+
+std::string callsExpected(const std::string& url, const std::string& header) {
+  return "global_init ALL\neasy_init\nsetopt URL " + inQuotes(url) + R"(
+setopt POST 0
+setopt CONNECTTIMEOUT 5
+setopt TIMEOUT 10
+setopt WRITEFUNCTION writeResponseData
+setopt WRITEDATA other
+setopt FOLLOWLOCATION 1
+setopt NOPROGRESS 0
+setopt XFERINFOFUNCTION continueTransfer
+slist_append [] )" +
+         inQuotes(header) + "\nsetopt HTTPHEADER [" + inQuotes(header) + R"(]
+setopt SSL_VERIFYPEER 0
+setopt SSL_VERIFYHOST 0
+perform
+progress -> 0
+slist_free_all [)" +
+         inQuotes(header) + "]\ngetinfo RESPONSE_CODE\neasy_cleanup\nglobal_cleanup\n";
+}
+
+TEST(Request, IsMadeByTheSameCallsForEveryUrlAndHeaderLine) {
+  for (const char* const url :
+       {"http://host/", "https://u:p@localhost/", "https://localhost:8443/a?b=c#d", "ftp://u:p@host/a;type=i",
+        "ftps://host/", "file:///etc/hosts", "http://[::1]/", "http://127.0.0.1/", "HTTPS://HOST/", "host", "-"}) {
+    for (const char* const header :
+         {"Authorization: Basic dTpw", "User-Agent: agent", "User-Agent:", "Accept-Encoding: gzip", "Cookie: a=b",
+          "Host: host", "Content-Length: 5", "Transfer-Encoding: chunked", "Expect:", "Connection: close"}) {
+      EXPECT_EQ(callsFor(url, header), callsExpected(url, header));
+    }
+  }
+}
+
 // However much the usage text offers POST and a time-out of 20000.
 TEST(Request, IsAGetWithATimeOutOf2000Milliseconds) {
   const struct {

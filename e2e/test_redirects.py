@@ -37,6 +37,28 @@ def test_to_another_port(tool, serve):
     assert targets(there) == [b"/x"]
 
 
+@pytest.mark.parametrize("host, where", [("localhost", "another host"), ("127.0.0.1", "another port")])
+def test_passwords_among_the_header_lines(tool, serve, host, where):
+    there = serve(RESPONSE)
+    here = serve(moved(302, f"http://{host}:{there.port}/"))
+    passwords, other = b"Authorization: Bearer a\r\nCookie: b=c\r\n", b"Accept: */*\r\nX-Key: d\r\n"
+    assert tool.request(f"{here.url}/|||Authorization: Bearer a\rCookie: b=c\rX-Key: d") == ANSWERED
+    first, second = here.requests[0], there.requests[0]
+    assert all(line in first for line in (passwords + other).splitlines())
+    gone_along = passwords if libcurl.answer(f"passwords to {where}") else b""
+    head = b"GET / HTTP/1.1\r\nHost: %s:%d\r\n" % (host.encode(), there.port)
+    assert second == head + b"Accept: */*\r\n" + gone_along + b"X-Key: d\r\n\r\n"
+
+
+@pytest.mark.parametrize("host, where", [("localhost", "another host"), ("127.0.0.1", "another port")])
+def test_password_of_the_url(tool, serve, host, where):
+    there = serve(RESPONSE)
+    here = serve(moved(302, f"http://{host}:{there.port}/"))
+    assert tool.request(f"http://u:p@127.0.0.1:{here.port}/") == ANSWERED
+    assert b"\r\nAuthorization: Basic dTpw\r\n" in here.requests[0]
+    assert (b"\r\nAuthorization:" in there.requests[0]) == libcurl.answer(f"URL's password to {where}")
+
+
 def test_to_tls(tool, serve, make_certificate):
     there = serve(reply(200, b"safe"), tls_context=make_certificate("127.0.0.1").server_context)
     assert tool.request(serve(moved(301, there.url + "/x")).url) == Answer(b"200\nsafe\n")

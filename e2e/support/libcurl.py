@@ -52,6 +52,11 @@ ANSWERS = {
     },
     # Redirects: before 7.65.2 they also lead to schemes other than HTTP(S) and FTP(S).
     "redirect to gopher": {"7.54.0": b"7\n", "7.65.2": b"1\n"},
+    # Do Authorization and Cookie lines go along to another host, to another port? Does the URL's own password?
+    "passwords to another host": {"7.54.0": True, "7.64.1": False},
+    "passwords to another port": {"7.54.0": True, "7.88.1": False},
+    "URL's password to another host": {"7.54.0": False},
+    "URL's password to another port": {"7.54.0": False, "7.79.1": True, "7.88.1": False},
     "endless redirects": {"7.54.0": b"28\n", "7.88.1": b"56\n", "8.0.0": b"28\n", "8.3.0": b"47\n"},
     # Proxies: over TLS, certified by the system's authorities; the same without a list of them; at a Unix socket, in
     # whose place older ones ask port 1080, whatever that is here (None); one that refuses a tunnel.
