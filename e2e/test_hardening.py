@@ -70,6 +70,7 @@ def test_every_file_is_compiled_with(option):
     """Those of the libraries in a static build as well. The commands tell, since no frame of the tool's own is large
     enough for its machine code to show all of these."""
     commands = json.loads((BUILD / "compile_commands.json").read_text())
+    assert any(entry["file"].endswith("/app/main.cpp") for entry in commands)
     assert [entry["file"] for entry in commands if option not in entry["command"]] == []
 
 
