@@ -5,14 +5,13 @@ its time-out on a busy machine: what has to end in time ends before a run of the
 """
 
 import contextlib
-import select
 import shutil
-import socket
 import subprocess
 import sys
 import time
 
 import libcurl
+import own_network
 import pytest
 from conftest import ENVIRONMENT, IS_STATIC, Answer, impossible_on_macos, impossible_under_translator, preloading
 from scripted_server import AWAIT_CLOSE, READ_REQUEST, OK, pause, reply
@@ -33,11 +32,10 @@ def timed(at_least):
 
 @contextlib.contextmanager
 def silent_listener():
-    """A port on which connecting gets no answer: one connection fills its queue, and nobody accepts."""
-    with socket.create_server(("127.0.0.1", 0), backlog=0) as listener:
-        with socket.create_connection(listener.getsockname()):
-            select.select([listener], [], [])  # the connection is in the queue
-            yield listener.getsockname()[1]
+    """A port on which connecting gets no answer."""
+    listener, connection = own_network.silent_sockets("127.0.0.1", 0)
+    with listener, connection:
+        yield listener.getsockname()[1]
 
 
 @pytest.mark.parametrize("text, _, seconds", ROUNDING)

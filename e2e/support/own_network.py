@@ -8,6 +8,7 @@ import contextlib
 import fcntl
 import os
 import pathlib
+import select
 import socket
 import struct
 import subprocess
@@ -67,19 +68,21 @@ def listen(ipv6):
         sockets.append(socket.create_server((address, 53)))
     for port in (80, 81):
         sockets.append(socket.create_server(("127.0.0.1", port)))
-    sockets += _silent("127.0.0.1", 82)
+    sockets += silent_sockets("127.0.0.1", 82)
     if ipv6:
         for port in (80, 82):
             sockets.append(socket.create_server(("::1", port), family=socket.AF_INET6))
-        sockets += _silent("::1", 81)
+        sockets += silent_sockets("::1", 81)
     return sockets
 
 
-def _silent(address, port):
-    """One connection fills the queue, and nobody accepts."""
+def silent_sockets(address, port):
+    """A listener on which connecting gets no answer, and the connection that fills its queue; nobody accepts."""
     family = socket.AF_INET6 if ":" in address else socket.AF_INET
     listener = socket.create_server((address, port), family=family, backlog=0)
-    return [listener, socket.create_connection((address, port))]
+    connection = socket.create_connection(listener.getsockname()[:2])
+    select.select([listener], [], [])  # the connection is in the queue
+    return [listener, connection]
 
 
 if __name__ == "__main__":
