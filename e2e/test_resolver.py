@@ -26,6 +26,11 @@ NOT_FOUND = Answer(b"6\n")
 CONNECTION_REFUSED = Answer(b"7\n")
 TIMED_OUT = Answer(b"28\n")
 
+# With threads of its own; the other tests hold all the same.
+one_look_up = pytest.mark.skipif(
+    not IS_STATIC and libcurl.version() >= (8, 22, 0), reason="this libcurl looks each family up by itself"
+)
+
 
 def each_once(asked):
     """The same without repetitions."""
@@ -126,6 +131,7 @@ def test_localhost_is_known(request_by_name):
 # The hosts file.
 
 
+@one_look_up
 @pytest.mark.parametrize("name_server", [everywhere, silent])
 @pytest.mark.parametrize(
     "lines, answer",
@@ -145,6 +151,7 @@ def test_name_in_the_hosts_file_is_not_asked_for(request_by_name, name_server, l
     assert request_by_name("http://host.test/", name_server, hosts=lines) == (answer, [])
 
 
+@one_look_up
 @pytest.mark.parametrize("host", ["in-hosts", "IN-HOSTS"])
 def test_short_name_in_the_hosts_file_is_not_searched_for(request_by_name, host):
     domains = "search search.test\nnameserver 127.0.0.1\n"
@@ -163,6 +170,7 @@ def test_name_that_is_not_in_the_hosts_file(request_by_name, lines):
     assert request_by_name("http://host.test/", zone(HERE), hosts=lines) == (FOUND, ["host.test. A AAAA"])
 
 
+@one_look_up
 @pytest.mark.parametrize(
     "services, name_server, answer, asked",
     [
@@ -189,6 +197,7 @@ if libcurl.answer("leaves a final dot out"):
     WITH_FINAL_DOT = (FOUND, ["host.test.", "host.test.one."])
 
 
+@one_look_up
 @pytest.mark.parametrize(
     "host, records, answer, names",
     [
@@ -208,12 +217,14 @@ def test_search_domains(request_by_name, host, records, answer, names):
     assert found == (answer, [f"{name} A AAAA" for name in names])
 
 
+@one_look_up
 def test_name_with_dots_may_be_searched_for_first(request_by_name):
     domains = "search one\nnameserver 127.0.0.1\noptions ndots:2\n"
     found = request_by_name("http://host.test/", zone({"host.test.one.": ["A 127.0.0.1"]}), resolv_conf=domains)
     assert found == (FOUND, ["host.test.one. A AAAA"])
 
 
+@one_look_up
 @pytest.mark.parametrize("host", ["host", "host.test"])
 def test_search_goes_on_after_a_failure(request_by_name, host):
     name_server = failing(f"{host}.one.", dns.rcode.SERVFAIL, zone({f"{host}.two.": ["A 127.0.0.1"]}))
@@ -286,6 +297,7 @@ def test_no_name_server_is_there(request_by_name):
     assert found == (NOT_FOUND, [])
 
 
+@one_look_up
 @pytest.mark.skipif(IS_STATIC, reason="the system's resolver takes its time")
 @pytest.mark.parametrize("name_server, least", [(silent, 10), (dropping(is_for("AAAA"), everywhere), 15)])
 def test_silent_name_server_outlasts_the_time_out(start, name_server, least):
@@ -311,6 +323,7 @@ def test_time_out_holds_while_no_name_server_answers(start, text, least):
 # More than one look-up.
 
 
+@one_look_up
 def test_redirect_to_another_name(request_by_name):
     names = zone({**HERE, "other.test.": ["AAAA ::1"]})
     found = request_by_name("http://host.test/http://other.test/http://in-hosts/", names)
