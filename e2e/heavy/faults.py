@@ -20,7 +20,7 @@ import pytest
 from conftest import BUILD, ENVIRONMENT, IS_STATIC, TRANSLATOR, WEBREQ, Answer, only_static, preloading
 from nginx import Nginx
 
-LINKED = BUILD / "webreq_failing_malloc"
+LINKED = [*filter(None, [TRANSLATOR]), BUILD / "webreq_failing_malloc"]
 PAGE = bytes(range(256)) * 400  # libcurl delivers it in several chunks
 
 # A run makes at least so many allocations that can be made to fail.
@@ -59,10 +59,12 @@ def run_with_failures(tool, first, last, arguments, limit=60, enter=()):
     """Returns the answer, None if the run hangs, and the size of allocation `first`, None if the run made fewer.
     `enter` begins the command."""
     reader, writer = os.pipe()
-    failures = {"FAIL_FIRST": first, "FAIL_LAST": last, "FAIL_REPORT": writer, **preloading("failing_malloc")}
+    failures = {"FAIL_FIRST": first, "FAIL_LAST": last, "FAIL_REPORT": writer}
+    if not IS_STATIC:
+        failures |= preloading("failing_malloc")
     variables = [f"{name}={value}" for name, value in failures.items()]  # not for what `enter` names
     with open(reader, "rb") as report:
-        command = [*enter, "env", *variables, LINKED if IS_STATIC else WEBREQ, *arguments]
+        command = [*enter, "env", *variables, *(LINKED if IS_STATIC else [WEBREQ]), *arguments]
         try:
             answer = tool.run_command(command, env=ENVIRONMENT, pass_fds=[writer], timeout=limit)
         except subprocess.TimeoutExpired:
