@@ -25,7 +25,7 @@ install(DIRECTORY docs examples DESTINATION ${documents} USE_SOURCE_PERMISSIONS 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME ${package})
 set(CPACK_PACKAGE_CONTACT ${WEBREQ_MAINTAINER})
-set(CPACK_STRIP_FILES $<NOT:$<BOOL:${WEBREQ_STATIC}>>)
+set(CPACK_STRIP_FILES ON)
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/debian/finish.cmake)
 
 set(CPACK_PACKAGE_DESCRIPTION "It is started by other programs, for which it performs a request that one

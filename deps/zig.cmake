@@ -25,6 +25,7 @@ foreach(language IN ITEMS C CXX ASM)
   set(CMAKE_${language}_FLAGS_INIT -g0)
 endforeach()
 set(CMAKE_CXX_COMPILER ${zig} c++)
+set(CMAKE_STRIP true)  # the linker leaves nothing to strip, and the system's would change the bytes
 set(CMAKE_ASM_COMPILER_ID Clang)  # which CMake cannot find out from zig
 set(ENV{ZIG_GLOBAL_CACHE_DIR} ${cache})  # for what CMake compiles to find out about the compiler
 
