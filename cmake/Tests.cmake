@@ -1,6 +1,6 @@
 # End-to-end tests of the built tool, e2e/test_<name>.py; unit tests, <name>_test.cpp, linked with a recording libcurl.
-set(end_to_end_tests command_line environment examples failures fields hardening headers misbehaving_servers output
-  output_file process proxies readme redirects resolver responses server static system_calls timeouts tls)
+set(end_to_end_tests command_line environment examples failures fields footprint hardening headers misbehaving_servers
+  output output_file process proxies readme redirects resolver responses server static system_calls timeouts tls)
 set(unit_tests text/strings net/web_request app/request_description app/response_reservation app/usage app/output
   app/process_setup app/front_end testing/interruptions testing/recording_curl)
 
@@ -45,16 +45,17 @@ endforeach()
 set_tests_properties(e2e/resolver e2e/timeouts PROPERTIES RUN_SERIAL ON)
 set_tests_properties(e2e/resolver PROPERTIES SKIP_RETURN_CODE 5)  # "no tests ran": where no network can be made
 if(NOT CMAKE_BUILD_TYPE STREQUAL "Release")
-  set_tests_properties(e2e/hardening PROPERTIES DISABLED ON)
+  set_tests_properties(e2e/footprint e2e/hardening PROPERTIES DISABLED ON)
 endif()
 
 # Preloaded into the tool by tests in e2e/.
 if(CMAKE_SYSTEM_NAME STREQUAL "Linux" AND NOT WEBREQ_STATIC)
-  foreach(name failing_malloc hanging_resolver)
+  foreach(name failing_malloc hanging_resolver no_libcurl)
     add_library(${name} MODULE e2e/support/preload/${name}.cpp)
     target_link_libraries(${name} PRIVATE compiler_options ${CMAKE_DL_LIBS})
     set_target_properties(${name} PROPERTIES PREFIX "")
   endforeach()
+  target_link_libraries(no_libcurl PRIVATE CURL::libcurl)  # its headers
 endif()
 
 # Nothing can be preloaded into a static executable: the same objects once more, with allocations that fail.
