@@ -64,6 +64,7 @@ REASONS_TO_SKIP = (
     "another TLS library",
     "clang proves the one call safe and leaves it unchecked",
     "for the static executable",
+    "has zig's libraries",
     "macOS: ",
     "preloads a library",
     "the system's resolver takes its time",
