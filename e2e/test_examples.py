@@ -95,8 +95,9 @@ def test_tool_inherits_the_standard_descriptors_only(run, command, tmp_path):
     assert (tmp_path / "bin/webreq.descriptors").read_text().split() == ["0", "1", "2", "3"]  # 3 is the folder listed
 
 
-def test_no_result_line_is_a_failure(run, command, tmp_path):
-    replace_tool(tmp_path, "kill -KILL $$")
+@pytest.mark.parametrize("part", ["", "200\\n", "200\\nhalf"])
+def test_tool_that_is_killed_is_a_failure(run, command, tmp_path, part):
+    replace_tool(tmp_path, f"printf '{part}'; kill -KILL $$")
     answer = run(*command, "http://127.0.0.1/")
     assert answer.stdout == b"" and answer.stderr and answer.status != 0
 

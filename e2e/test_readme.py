@@ -85,6 +85,20 @@ def test_shell_caller(shell, serve, body):
     assert shell(caller, url=server.url) == Answer(f"404|{body}|".encode())
 
 
+def replace_tool(folder, output):
+    """By one that is killed behind this output."""
+    (folder / "bin/webreq").unlink()
+    (folder / "bin/webreq").write_text(f"#!/bin/sh\nprintf '{output}'; kill -KILL $$\n")
+    (folder / "bin/webreq").chmod(0o755)
+
+
+@pytest.mark.parametrize("part", ["", "2", "200\\n", "200\\nhalf"])
+def test_shell_caller_of_a_tool_that_is_killed(shell, tmp_path, part):
+    replace_tool(tmp_path, part)
+    answer = shell(SEPARATE + 'printf \'%s|%s|\' "$result" "$body" 2>&1', url="x:")
+    assert answer.stdout == b".||"
+
+
 def test_server_that_is_down_empties_the_output_file(tool, tmp_path, refusing):
     (tmp_path / "page").write_text("former")
     assert tool.request(f"{refusing}||||||page") == Answer(b"7\n")
@@ -99,6 +113,14 @@ def test_shell_caller_that_keeps_the_old_file(shell, tmp_path, serve, refusing):
 
     server = serve(reply(200, b"one"), reply(404, b"none"), reply(200, b"two"))
     assert [run(url) for url in (server.url, refusing, server.url, server.url)] == ["one", "one", "one", "two"]
+
+
+def test_shell_caller_of_a_tool_that_is_killed_keeps_the_old_file(shell, tmp_path):
+    replace_tool(tmp_path, "200\\n")
+    (tmp_path / "page").write_text("former")
+    (tmp_path / "page.new").write_text("half")
+    assert shell(KEEP_OLD_FILE, url="x:", file="page").stdout == b""
+    assert (tmp_path / "page").read_text() == "former" and not (tmp_path / "page.new").exists()
 
 
 @each_document

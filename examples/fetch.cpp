@@ -55,6 +55,13 @@ class Process {
     waitpid(id_, nullptr, 0);
   }
 
+  // Awaits the end. The destructor finds it once more.
+  bool hasSucceeded() const {
+    siginfo_t end = {};
+    waitid(P_PID, static_cast<id_t>(id_), &end, WEXITED | WNOWAIT);
+    return end.si_code == CLD_EXITED && end.si_status == 0;
+  }
+
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
 
@@ -79,7 +86,9 @@ class Process {
 
 Answer request(const std::string& url) {
   const std::string description = escapeBars(url);
-  std::string output = Process({"webreq", "-web", description.c_str(), nullptr}).readAll();
+  const Process process({"webreq", "-web", description.c_str(), nullptr});
+  std::string output = process.readAll();
+  if (!process.hasSucceeded()) throw std::runtime_error("webreq was stopped");
   const std::size_t lineEnd = output.find('\n');
   if (lineEnd == std::string::npos) throw std::runtime_error("webreq gave no answer");
   if (output.size() > lineEnd + 1) output.pop_back();  // the line feed after the body

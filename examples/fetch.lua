@@ -10,7 +10,7 @@ local function request(url)
   local description = url:gsub("|", "%%7C") -- a bar would begin the next field
   local output = assert(io.popen("webreq -web " .. quote(description)))
   local result, body = output:read("*l", "*a")
-  output:close()
+  assert(output:close(), "webreq was stopped") -- Lua 5.1 can't tell
   return assert(tonumber(result), "webreq gave no answer"), body:sub(1, -2)
 end
 

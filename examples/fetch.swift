@@ -12,8 +12,8 @@ func request(_ url: String) throws -> (result: Int, body: Data) {
   try process.run()
   let output = pipe.fileHandleForReading.readDataToEndOfFile()
   process.waitUntilExit()
-  guard let lineEnd = output.firstIndex(of: 10), let line = String(data: output[..<lineEnd], encoding: .ascii),
-    let result = Int(line)
+  guard process.terminationStatus == 0, let lineEnd = output.firstIndex(of: 10),
+    let line = String(data: output[..<lineEnd], encoding: .ascii), let result = Int(line)
   else { throw CocoaError(.fileReadCorruptFile) }
   return (result, Data(output[(lineEnd + 1)...].dropLast()))
 }
