@@ -168,6 +168,15 @@ def test_too_few_descriptors(tool, serve):
     assert set(answers) == {*first, Answer(b"200\n"), *map(Answer, libcurl.answer("too few descriptors"))}
 
 
+@pytest.mark.skipif(sys.platform != "linux" or IS_SANITIZED, reason="about Linux's loader; sanitizers take descriptors")
+@impossible_under_translator("it would lack descriptors")
+def test_too_few_descriptors_for_a_file(tool, tmp_path):
+    (tmp_path / "page").write_text("body")
+    answers = {tool.request(f"file://{tmp_path}/page", preexec_fn=limit_descriptors(3 + i)) for i in range(12)}
+    started = {answer for answer in answers if answer.status != 127} - {Answer(b"27\n")}
+    assert started == {Answer(b"0\nbody\n")} | ({Answer(b"37\n")} if libcurl.answer("too few descriptors") else set())
+
+
 def test_tool_that_is_killed(shell, tmp_path, serve):
     def kill(_):
         os.kill(int((tmp_path / "pid").read_text()), signal.SIGKILL)
