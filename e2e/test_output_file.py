@@ -4,7 +4,7 @@ import os
 
 import own_network
 import pytest
-from conftest import Answer, impossible_on_macos
+from conftest import Answer
 from scripted_server import OK, reply
 
 BODY = b"a body\0with NUL"
@@ -135,7 +135,6 @@ def test_file_that_the_url_names(tool, tmp_path):
     assert (tmp_path / "file").read_bytes() == BODY
 
 
-@impossible_on_macos("no disk of a run's own")
 @pytest.mark.skipif(not own_network.is_possible(), reason="no disk can be mounted here")
 def test_full_disk(tool, tmp_path):
     """64 KiB are on it, a longer body comes."""

@@ -6,7 +6,7 @@ import struct
 import libcurl
 import own_network
 import pytest
-from conftest import ANSWERED, ENVIRONMENT, Answer, impossible_on_macos
+from conftest import ANSWERED, ENVIRONMENT, Answer
 from scripted_server import READ_REQUEST, RESPONSE, ScriptedServer, reply
 
 PLAIN = b"GET / HTTP/1.1\r\nHost: 192.0.2.7\r\nAccept: */*\r\n\r\n"
@@ -99,7 +99,6 @@ def test_socks(request_through, serve, scheme, host, handshake):
     assert proxy.requests == [PLAIN.replace(b"192.0.2.7", host.encode())]
 
 
-@impossible_on_macos("no network of a run's own")
 @pytest.mark.skipif(not own_network.is_possible(), reason="no folder /etc can be put in the place of the system's")
 @pytest.mark.parametrize(
     "listed, result",
