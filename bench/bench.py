@@ -248,7 +248,7 @@ def parallel(report, server, folder):
     page = (server.root / "page.html").read_bytes()
     lines = []
     for count in PARALLEL:
-        runs = 16 if SMOKE else 200
+        runs = 16 if SMOKE else 500
         rows = measure(parallel_rows(server.http_url + "/page.html", page, count, runs), folder, 1 if SMOKE else 3, 1)
         lines.append([str(count)] + [f"{runs / r.median:.0f}" for r in rows.values()])
     faster = rows["curl"].median / rows["static"].median

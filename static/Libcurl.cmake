@@ -102,18 +102,28 @@ function(add_libcurl)
   add_library_source(curl)
 endfunction()
 
-# Calls of libcurl's that lead to functions of ours; the files say why. names.c uses c-ares's private header.
+# Calls of libcurl's that lead to functions of ours; names.c says why. It uses c-ares's private header.
 function(redirect_calls)
-  add_library(redirected STATIC static/names.c static/read_buffer.c)
+  add_library(redirected STATIC static/names.c)
   target_compile_options(redirected PRIVATE -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wcast-qual)
   target_compile_definitions(redirected PRIVATE $<TARGET_PROPERTY:c-ares,COMPILE_DEFINITIONS>)
   target_include_directories(redirected SYSTEM PRIVATE $<TARGET_PROPERTY:c-ares,INCLUDE_DIRECTORIES>)
-  target_link_libraries(redirected PRIVATE c-ares ssl)
+  target_link_libraries(redirected PRIVATE c-ares)
   target_link_libraries(libcurl_static PRIVATE redirected)
   target_compile_definitions(libcurl_static PRIVATE
-    ares_getaddrinfo=webreq_ares_getaddrinfo
-    ares_init_options=webreq_ares_init_options
-    SSL_CTX_set_default_read_buffer_len=webreq_keep_read_buffer_len)
+    ares_getaddrinfo=webreq_ares_getaddrinfo ares_init_options=webreq_ares_init_options)
+endfunction()
+
+# musl's older allocator, which zig has the source of, in the place of the one that musl takes by default: that one maps
+# and unmaps memory for each group of blocks, 77 times in a small run over TLS. This one has a heap, which it extends.
+function(add_allocator)
+  set(musl ${zig_folder}/lib/libc/musl)
+  list(TRANSFORM ARGN PREPEND ${musl}/src/malloc/oldmalloc/)
+  add_library(allocator STATIC ${ARGN})
+  target_compile_options(allocator PRIVATE -std=c99 -ffreestanding -fno-strict-aliasing -w)
+  target_include_directories(allocator PRIVATE
+    ${musl}/arch/${CMAKE_SYSTEM_PROCESSOR} ${musl}/arch/generic ${musl}/src/include ${musl}/src/internal)
+  target_link_libraries(libcurl_static PRIVATE allocator)
 endfunction()
 
 add_aws_lc()
@@ -121,3 +131,4 @@ add_c_ares()
 add_nghttp2()
 add_libcurl()
 redirect_calls()
+add_allocator(malloc.c aligned_alloc.c malloc_usable_size.c)
