@@ -245,7 +245,10 @@ def anchors(text):
     return {re.sub(r"[^\w -]", "", heading.lower()).replace(" ", "-") for heading in headings}
 
 
-@pytest.mark.parametrize("page", ["README.md", "CONTRIBUTING.md", "docs/reliability.md", "docs/performance.md"])
+PAGES = ["README.md", "CONTRIBUTING.md", "docs/reliability.md", "docs/performance.md", "macos/README.md"]
+
+
+@pytest.mark.parametrize("page", PAGES)
 def test_links_lead_somewhere(page):
     for path, anchor in re.findall(r"\]\((?!https?:)([^)#]*)#?([^)]*)\)", read(page)):
         target = pathlib.Path(page).parent / path if path else page
