@@ -305,7 +305,8 @@ def machine():
     busybox = " ".join(version("busybox").split()[:2])
     return (
         f"Measured by `scripts/bench` on {datetime.date.today()}: {name}, Linux {platform.release().split('-')[0]}, "
-        f"{os.cpu_count()} cores ({model.group(1).strip() if model else platform.machine()}), {curl}, {wget}, {busybox}; medians."
+        f"{os.cpu_count()} cores ({model.group(1).strip() if model else platform.machine()}), "
+        f"{curl}, {wget}, {busybox}; medians."
     )
 
 

@@ -1,5 +1,5 @@
-"""Every byte in every field, first, in the middle and last, and fields of 100 KB: each arrives on the other side, unless
-a rule of the tool's or of libcurl's drops it."""
+"""Every byte in every field, first, in the middle and last, and fields of 100 KB: each arrives on the other side,
+unless a rule of the tool's or of libcurl's drops it."""
 
 import concurrent.futures
 import os

@@ -1,4 +1,4 @@
-"""What scripts/package has made: each package's files and modes, that it runs, what it needs and what it says of itself.
+"""What scripts/package has made: each package's files and modes, that it runs, what it needs and says of itself.
 
 scripts/serve runs this file, with the address of a server in HTTP_URL.
 """

@@ -46,7 +46,8 @@ http {{
     ssl_certificate_key key.pem;
     root site;
     location = /echo {{
-      return 200 "$server_protocol $request_method $request_uri\\nUser-Agent: $http_user_agent\\nX-Demo: $http_x_demo\\n";
+      return 200
+        "$server_protocol $request_method $request_uri\\nUser-Agent: $http_user_agent\\nX-Demo: $http_x_demo\\n";
     }}
     location = /moved {{ return 301 /page.html; }}
     location = /secure {{ return 302 https://127.0.0.1:{https_port}/page.html; }}

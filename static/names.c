@@ -48,7 +48,7 @@ static void answer(Question* question, int status, struct ares_addrinfo* address
   if (callback) callback(question->argument, status, 0, addresses);
 }
 
-// Answers what is still to be answered.
+// Answers what is still to be answered, by the hosts file's addresses if `fromFile`, and frees the look-up.
 static void end(Lookup* lookup, bool fromFile) {
   for (int i = 0; i < FAMILIES; ++i) {
     Question* const question = &lookup->questions[i];

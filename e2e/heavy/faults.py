@@ -75,7 +75,7 @@ def run_with_failures(tool, first, last, arguments, limit=60, enter=()):
 
 
 def measure_limit(pool, tool, arguments, enter):
-    """Seconds after which a run hangs: twice what its time-out allows and many times what runs without failures take."""
+    """Seconds after which a run hangs: twice what its time-out allows, many times what runs without failures take."""
 
     def measure(number):
         start = time.monotonic()

@@ -26,7 +26,7 @@ ANSWERS = {
     "space in the path": {"7.54.0": b"200\nok\n", "7.79.1": b"3\n"},
     "nonsense://127.0.0.1/": {"7.54.0": b"1\n", "7.64.1": b"6\n", "7.65.1": b"1\n"},
     "file:// on a folder": {"7.54.0": b"0\n", "7.75.0": b"36\n", "7.79.1": b"0\n", "8.8.0": b"0\nfile\n\n"},
-    # Bytes that it refuses: in a URL behind the host, as the first of a host. How it sends those beyond ASCII in a path.
+    # Bytes that it refuses: in a URL behind the host, as the first of a host. How it sends one beyond ASCII in a path.
     "refused bytes": {"7.54.0": b"\n\r", "7.64.1": CONTROLS, "7.79.1": CONTROLS + b" "},
     "refused first bytes": {
         "7.54.0": b"\n\r#/:?",

@@ -29,8 +29,8 @@ def is_possible():
 
 @contextlib.contextmanager
 def start(folder, ipv6=True):
-    """A network with `folder` as /etc, without addresses of IPv6 if it is switched off there. A command behind the first
-    thing that this yields runs in it. The second are the sockets that `listen` makes."""
+    """A network with `folder` as /etc, without addresses of IPv6 if it is switched off there. A command behind the
+    first thing that this yields runs in it. The second are the sockets that `listen` makes."""
     ours, theirs = socket.socketpair()
     hold = [*NEW, sys.executable, __file__, str(theirs.fileno()), folder, str(int(ipv6))]
     with contextlib.ExitStack() as stack:

@@ -1,4 +1,5 @@
-
+// All that the executable may import, libcurl's functions and libSystem's, by Apple's names, with what stands in for
+// each on Linux: the function of the same name, or where Linux differs one of this file, system.cpp or calls.S.
 #include <curl/curl.h>
 #include <pthread.h>
 #include <sys/mman.h>
