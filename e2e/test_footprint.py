@@ -12,6 +12,7 @@ from conftest import (
     ENVIRONMENT,
     IS_STATIC,
     REPOSITORY,
+    Answer,
     impossible_on_macos,
     impossible_under_translator,
     only_static,
@@ -40,8 +41,11 @@ OF_THE_LANGUAGE = (
 )
 
 
+OBJECTS = [BUILD / name for name in ("CMakeFiles/webreq.dir/app/main.cpp.o", "libfront_end.a", "libreqkit.a")]
+
+
 def symbols(option):
-    command = ["nm", option, "--demangle", "--format=posix", BUILD / "libfront_end.a", BUILD / "libreqkit.a"]
+    command = ["nm", option, "--demangle", "--format=posix", *OBJECTS]
     lines = subprocess.run(command, capture_output=True, check=True, text=True).stdout.splitlines()
     return {re.sub(r" [A-Za-z]( .*)?$", "", line) for line in lines if line and not line.endswith(":")}
 
@@ -81,7 +85,7 @@ COUNTS = {
 
 
 def outline(line):
-    """Such as "open out O_WRONLY O_CREAT O_TRUNC"."""
+    """Such as "open OUTFILE O_WRONLY O_CREAT O_TRUNC"."""
     name, arguments = re.fullmatch(r"\d+ +(\w+)\((.*)", line).groups()
     counts = re.match(COUNTS[name], arguments).group(1) if name in COUNTS else ""
     counts = re.sub(r"\|?(O_LARGEFILE|O_CLOEXEC|SOCK_CLOEXEC|SOCK_NONBLOCK)\b|[\",]|NULL|\{sa_handler=", "", counts)
@@ -90,12 +94,12 @@ def outline(line):
 
 @pytest.fixture(name="trace")
 def make_trace(tool, tmp_path):
-    """Runs the tool; returns the system's calls, a line each. What is behind `network` in the command runs there."""
+    """Runs the tool, which must answer as `expected`; returns the system's calls, a line each. What is behind `network`
+    in the command runs there."""
 
-    def run(*arguments, network=(), options=()):
+    def run(*arguments, expected, network=(), options=()):
         command = [*network, "strace", "-f", "-qq", "-o", tmp_path / "trace", *options, tool.path, *arguments]
-        answer = tool.run_command(command, env=ENVIRONMENT)
-        assert answer.stderr == b"", answer
+        assert tool.run_command(command, env=ENVIRONMENT) == expected
         return (tmp_path / "trace").read_text().splitlines()
 
     return run
@@ -103,76 +107,109 @@ def make_trace(tool, tmp_path):
 
 BEFORE_ALL = ["fcntl(0, F_GETFD)", "fcntl(1, F_GETFD)", "fcntl(2, F_GETFD)"]
 BEFORE_ALL += ["rt_sigaction(SIGPIPE, {sa_handler=SIG_IGN", "rt_sigaction(SIGXFSZ, {sa_handler=SIG_IGN"]
-RESERVATION = ["mmap 3328", "munmap 3328", "mmap 1024", "madvise MADV_NOHUGEPAGE", "madvise MADV_HUGEPAGE"]
+OF_MEMORY = "PROT_READ|PROT_WRITE, MAP_PRIVATE|MAP_ANONYMOUS"
+RESERVATION = [f"mmap 3328 {OF_MEMORY}", "munmap 3328", f"mmap 1024 {OF_MEMORY}"]
+RESERVATION += ["madvise MADV_NOHUGEPAGE", "madvise MADV_HUGEPAGE"]
 RELEASE = ["munmap 1024", "exit_group(0)"]
+OPEN = 'openat(AT_FDCWD, "out", O_WRONLY|O_CREAT|O_TRUNC, 0666)'
 TO_STANDARD_OUTPUT = ['write(1, "200\\n", 4)', 'write(1, "body", 4)', 'write(1, "\\n", 1)']
-TO_A_FILE = ['write(1, "200\\n", 4)', 'openat(AT_FDCWD, "out", O_WRONLY|O_CREAT|O_TRUNC, 0666)']
-TO_A_FILE += ['write(3, "body", 4)', "close(3)"]
+TO_A_FILE = ['write(1, "200\\n", 4)', OPEN, 'write(3, "body", 4)', "close(3)"]
 URLS = ["http://127.0.0.1/", "https://u:p@localhost/", "ftp://u:p@localhost/", "file:///etc/passwd", "x"]
 
 
 def own_calls(lines):
-    """From main on, in order, without what malloc() asks for."""
+    """From main on, in order, without what malloc() asks for. What precedes are the loader's calls, and the libraries'."""
     calls = [re.fullmatch(r"\d+ +(\w+\(.*)\) += .*", line).group(1) for line in lines]
     calls = [memory_in_mebibytes(call + ")") for call in calls[calls.index("fcntl(0, F_GETFD") :]]
-    return [call for call in calls if not call.startswith("brk(") and not re.fullmatch("m(un)?map 0", call)]
+    return [call for call in calls if not call.startswith("brk(") and not re.match("m(un)?map 0", call)]
 
 
 def memory_in_mebibytes(call):
-    size = re.fullmatch(r"(m(?:un)?map)\((?:NULL|0x\w+), (\d+).*", call)
+    size = re.fullmatch(r"(m(?:un)?map)\((?:NULL|0x\w+), (\d+)(?:(, PROT_.*), -1, 0)?\)", call)
     advice = re.fullmatch(r"madvise\(.*, (\w+)\)", call)
     action = re.match(r"rt_sigaction\(\w+, \{sa_handler=\w+", call)
     if size:
-        return f"{size.group(1)} {int(size.group(2)) >> 20}"
+        return f"{size.group(1)} {int(size.group(2)) >> 20}{(size.group(3) or '').replace(',', '', 1)}"
     return f"madvise {advice.group(1)}" if advice else action.group(0) if action else call
 
 
-@pytest.mark.skipif(IS_STATIC, reason="preloads a library")
-@pytest.mark.parametrize("fields", ["", "|q=1|post|Authorization: a\rCookie: b|agent|5000"])
-@pytest.mark.parametrize("url", URLS)
-def test_own_calls_of_a_request(trace, url, fields):
-    """Everything else a request asks for is libcurl's, in whose place there is a library that asks for nothing."""
-    fields = fields or "|||||"
+@pytest.fixture(name="request_alone")
+def make_request_alone(trace):
+    """Performs a request; returns the tool's calls between those of every request. Everything else a request asks for is
+    libcurl's, in whose place there is a library that asks for nothing."""
+    if IS_STATIC:
+        pytest.skip("preloads a library")
     options = [f"--env={name}={value}" for name, value in preloading("no_libcurl").items()]
-    for output_file, delivery in ("", TO_STANDARD_OUTPUT), ("out", TO_A_FILE):
-        calls = own_calls(trace("-web", f"{url}{fields}|{output_file}", options=options))
-        assert calls == BEFORE_ALL + RESERVATION + delivery + RELEASE
+
+    def run(description, expected):
+        calls = own_calls(trace("-web", description, options=options, expected=Answer(expected)))
+        before, after = BEFORE_ALL + RESERVATION, len(calls) - len(RELEASE)
+        assert (calls[: len(before)], calls[after:]) == (before, RELEASE)
+        return calls[len(before) : after]
+
+    return run
+
+
+@pytest.mark.parametrize("fields", ["|||||", "|q=1|post|Authorization: a\rCookie: b|agent|5000"])
+@pytest.mark.parametrize("url", URLS)
+def test_own_calls_of_a_request(request_alone, url, fields):
+    assert request_alone(f"{url}{fields}|", b"200\nbody\n") == TO_STANDARD_OUTPUT
+    assert request_alone(f"{url}{fields}|out", b"200\n") == TO_A_FILE
+
+
+def test_own_calls_of_a_request_that_fails(request_alone):
+    assert request_alone("refused", b"7\n") == ['write(1, "7\\n", 2)']
+    assert request_alone("refused||||||out", b"7\n") == ['write(1, "7\\n", 2)', OPEN, "close(3)"]
 
 
 def test_own_calls_without_a_url(trace):
-    assert own_calls(trace("-web", "|||||||out")) == [*BEFORE_ALL, 'write(1, "-1\\n", 3)', "exit_group(0)"]
+    lines = trace("-web", "|||||||out", expected=Answer(b"-1\n"))
+    assert own_calls(lines) == [*BEFORE_ALL, 'write(1, "-1\\n", 3)', "exit_group(0)"]
 
 
-def test_own_calls_of_the_usage(trace):
-    calls = own_calls(trace())
+@pytest.fixture(name="usage")
+def make_usage(tool):
+    return Answer(tool.run().stdout, status=255)
+
+
+def test_own_calls_of_the_usage(trace, usage):
+    calls = own_calls(trace(expected=usage))
     assert calls[:5] == BEFORE_ALL and calls[-1].startswith("exit_group(")
     assert len(calls) == 19 and all(call.startswith("write(1, ") for call in calls[5:-1])
 
 
-def listed(*runs):
-    """What docs/reliability.md lists for these kinds of run."""
+RUNS = ["every run", "a request", "HTTP", "IPv4", "IPv6", "HTTPS", "a host name"]
+RUNS += ["file://", "a file by file://", "a folder by file://"]
+
+
+def listed():
+    """What docs/reliability.md lists: calls by kinds of run."""
     text = (REPOSITORY / "docs/reliability.md").read_text()
-    found = {}
-    for run, calls in re.findall(r"^- ([\w:/ ]+): (`(?:.|\n(?![-\n]))*)", text, re.M):
-        found[run] = {" ".join(call.split()) for call in re.findall(r"`([^`]+)`", calls)}
-    return set().union(*(found[run] for run in runs))
+    section = re.search(r"^## What a run asks of the system\n(.*?)^## ", text, re.DOTALL | re.MULTILINE)[1]
+    items = [item.split(": ", 1) for item in re.findall(r"^- ((?:.|\n(?![-\n]))*)", section, re.MULTILINE)]
+    return {run: {" ".join(call.split()) for call in re.findall(r"`([^`]+)`", calls)} for run, calls in items}
+
+
+def test_document_lists_the_runs_that_are_tested():
+    assert list(listed()) == RUNS
 
 
 for_x86_64 = pytest.mark.skipif(platform.machine() != "x86_64", reason="for the static executable on x86-64")
 has_network = pytest.mark.skipif(not own_network.is_possible(), reason="no network namespace can be made here")
 
-# libcurl looks at the connection before it closes it, unless the server has closed it by then.
-SOMETIMES = {"fcntl F_GETFL"}
-
 
 def check(lines, *runs):
-    assert {outline(line) for line in lines} - SOMETIMES == listed("every run", *runs) - SOMETIMES
+    made = {outline(line.replace('"out"', '"OUTFILE"')) for line in lines}
+    expected = set().union(*(listed()[run] for run in runs))
+    if "HTTP" in runs:
+        made.add("fcntl F_GETFL")  # of the connection before libcurl closes it, unless the server has closed it by then
+    assert made == expected
 
 
 @only_static
 @for_x86_64
-def test_every_call_of_the_usage(trace):
-    check(trace())
+def test_every_call_of_the_usage(trace, usage):
+    check(trace(expected=usage), "every run")
 
 
 @only_static
@@ -180,7 +217,8 @@ def test_every_call_of_the_usage(trace):
 @pytest.mark.parametrize("scheme, runs", [("http", []), ("https", ["HTTPS"])])
 def test_every_call_of_a_request(trace, nginx, scheme, runs):
     url = {"http": nginx.http_url, "https": nginx.https_url}[scheme]
-    check(trace("-web", f"{url}/page.html|q=1|p|Cookie: a|agent|5000|out"), "a request", "HTTP", "IPv4", *runs)
+    lines = trace("-web", f"{url}/page.html|q=1|p|Cookie: a|agent|5000|out", expected=Answer(b"200\n"))
+    check(lines, "every run", "a request", "HTTP", "IPv4", *runs)
 
 
 @only_static
@@ -189,9 +227,9 @@ def test_every_call_of_a_request(trace, nginx, scheme, runs):
 def test_every_call_for_a_file(trace, tmp_path, path, run):
     (tmp_path / "folder").mkdir()
     (tmp_path / "folder/source").write_text("body")
-    lines = trace("-web", f"file://{tmp_path}/folder/{path}||||||out")
+    lines = trace("-web", f"file://{tmp_path}/folder/{path}||||||out", expected=Answer(b"0\n"))
     lines = [re.sub(rf'"{tmp_path}/folder/(source)?"', '"FILE"', line) for line in lines]
-    check(lines, "a request", "file://", run)
+    check(lines, "every run", "a request", "file://", run)
 
 
 @only_static
@@ -200,5 +238,6 @@ def test_every_call_for_a_file(trace, tmp_path, path, run):
 @pytest.mark.parametrize("record, family", [("A 127.0.0.1", "IPv4"), ("AAAA ::1", "IPv6")])
 def test_every_call_for_a_name(trace, tmp_path, record, family):
     with name_server.start(tmp_path / "etc", name_server.zone({"host.test.": [record]})) as network:
-        lines = trace("-web", "http://host.test/||||||out", network=network.enter)
-    check(lines, "a request", "HTTP", "a host name", family)
+        description = "http://host.test/||||||out"
+        lines = trace("-web", description, expected=Answer(b"200\n"), network=network.enter)
+    check(lines, "every run", "a request", "HTTP", "a host name", family)

@@ -1,12 +1,16 @@
-// Preloaded into the tool in libcurl's place: every request is answered with 200 and a body, and the system is asked
-// for nothing. What is left are the tool's own calls. See e2e/test_footprint.py, which runs it.
+// Preloaded into the tool in libcurl's place: every request is answered with 200 and a body in two pieces, but a URL
+// that begins with "refused" with a failure. The system is asked for nothing. What is left are the tool's own calls.
+// See e2e/test_footprint.py, which runs it.
 #include <curl/curl.h>
 
 #include <cstdarg>
+#include <cstring>
 
 namespace {
 
+const char* url = nullptr;
 curl_write_callback deliver = nullptr;
+curl_xferinfo_callback tellProgress = nullptr;
 void* response = nullptr;
 
 }  // namespace
@@ -25,6 +29,8 @@ void(curl_slist_free_all)(curl_slist*) {}
 CURLcode(curl_easy_setopt)(CURL*, CURLoption option, ...) {
   va_list arguments;
   va_start(arguments, option);
+  if (option == CURLOPT_URL) url = va_arg(arguments, const char*);
+  if (option == CURLOPT_XFERINFOFUNCTION) tellProgress = va_arg(arguments, curl_xferinfo_callback);
   if (option == CURLOPT_WRITEFUNCTION) deliver = va_arg(arguments, curl_write_callback);
   if (option == CURLOPT_WRITEDATA) response = va_arg(arguments, void*);
   va_end(arguments);
@@ -33,7 +39,10 @@ CURLcode(curl_easy_setopt)(CURL*, CURLoption option, ...) {
 
 CURLcode(curl_easy_perform)(CURL*) {
   char body[] = "body";
-  return deliver(body, 1, 4, response) == 4 ? CURLE_OK : CURLE_WRITE_ERROR;
+  if (tellProgress(nullptr, 4, 0, 0, 0) != 0) return CURLE_ABORTED_BY_CALLBACK;
+  if (std::strncmp(url, "refused", 7) == 0) return CURLE_COULDNT_CONNECT;
+  const bool isTaken = deliver(body, 1, 2, response) == 2 && deliver(body + 2, 1, 2, response) == 2;
+  return isTaken ? CURLE_OK : CURLE_WRITE_ERROR;
 }
 
 CURLcode(curl_easy_getinfo)(CURL*, CURLINFO info, ...) {
