@@ -89,6 +89,8 @@ ANSWERS = {
     # A negative TIMEOUT and a silent server: libcurl refuses the number, so that its own 300 seconds for connecting are
     # in force, or waits 2^32 seconds less that many, for which no test waits (None).
     "negative time-out": {"7.54.0": None, "7.57.0": b"28\n", "8.15.0": None},
+    # The secrets of TLS 1.2 in the file that SSLKEYLOGFILE names.
+    "appends TLS secrets": {"7.54.0": False, "7.64.1": True},
     # A resolver that takes longer than the time-out: is it waited for?
     "hanging resolver": {"7.54.0": False, "7.62.0": True},
     # Connections that end too early; TLS is cut off when no close_notify comes before the end.
