@@ -9,6 +9,7 @@ import sys
 import urllib.request
 
 import nginx
+import own_network
 import pytest
 from conftest import impossible_on_macos
 from scripted_server import READ_REQUEST, RESPONSE, ScriptedServer
@@ -53,6 +54,22 @@ def test_port_that_is_taken_is_an_error():
     with socket.create_server(("127.0.0.1", 0)) as taken:
         with pytest.raises(OSError, match="Address already in use"):
             nginx.Nginx(http_port=taken.getsockname()[1])
+
+
+FAILING_BODY = """
+import os, own_network
+try:
+    with own_network.start("/etc") as (enter, _):
+        raise KeyError
+except KeyError:
+    os.kill(int(enter[-1]), 0)
+"""
+
+
+@pytest.mark.skipif(not own_network.is_possible(), reason="no network namespace can be made here")
+def test_network_ends_with_a_body_that_fails(tool):
+    answer = tool.run_command([sys.executable, "-c", FAILING_BODY], cwd=os.path.dirname(own_network.__file__))
+    assert b"ProcessLookupError" in answer.stderr
 
 
 def test_step_that_fails_fails_the_test_and_not_the_next_connection():

@@ -63,6 +63,7 @@ def test_output_file_that_cannot_be_opened(inject, tmp_path, error):
 
 @pytest.mark.parametrize("fault", ["error=ENOSPC", "error=EIO", "retval=0"])
 def test_output_file_that_cannot_be_written(inject, tmp_path, fault):
+    (tmp_path / "out").write_bytes(b"x" * 1000)
     assert inject(tmp_path / "out", f"write:{fault}", output_file=tmp_path / "out") == b"200\n"
     assert (tmp_path / "out").read_bytes() == b""
 
@@ -79,6 +80,7 @@ def test_output_file_that_cannot_be_written(inject, tmp_path, fault):
     ],
 )
 def test_output_file_is_whole_after(inject, tmp_path, fault):
+    (tmp_path / "out").write_bytes(b"x" * 1000)
     assert inject(tmp_path / "out", fault, output_file=tmp_path / "out") == b"200\n"
     assert (tmp_path / "out").read_bytes() == BODY
 
