@@ -26,7 +26,8 @@ foreach(language IN ITEMS C CXX ASM)
 endforeach()
 set(CMAKE_CXX_COMPILER ${zig} c++)
 set(CMAKE_STRIP true)  # the linker leaves nothing to strip, and the system's would change the bytes
-set(CMAKE_ASM_COMPILER_ID Clang)  # which CMake cannot find out from zig
+set(CMAKE_ASM_COMPILER_ID Clang)  # which CMake cannot find out from zig,
+set(CMAKE_SIZEOF_VOID_P 8)  # nor this: Debian 13's asks with -Wl, which the linker doesn't know
 set(ENV{ZIG_GLOBAL_CACHE_DIR} ${cache})  # for what CMake compiles to find out about the compiler
 
 # zig builds its libraries when it links for a target, and tells where they are nowhere but in its linker's command
@@ -58,7 +59,6 @@ else()
   # libSystem stands before the compiler's run-time library: its memcpy is the faster one.
   list(INSERT linked -1 "\"-L${zig_folder}/lib/libc/darwin\"" -lSystem)
   set(CMAKE_INSTALL_NAME_TOOL true)  # nothing that is installed has a path in it
-  set(CMAKE_INSTALL_LIBDIR lib)  # not asked for the pointer size, which CMake cannot find out from zig
 endif()
 list(JOIN linked " " linked)
 foreach(language IN ITEMS C CXX)
