@@ -30,7 +30,7 @@ foreach(name webreq fetch_example)
   endif()
 endforeach()
 
-set(processes_resolver 4)
+set(processes_resolver 6)
 set(processes_timeouts 12)
 foreach(name IN LISTS end_to_end_tests)
   if(NOT DEFINED processes_${name})
