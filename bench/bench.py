@@ -33,7 +33,7 @@ HEADER_SIZES = [KIB, 16 * KIB, 120 * KIB]
 parser = argparse.ArgumentParser(allow_abbrev=False)
 parser.add_argument("--smoke", action="store_true", help="measure little, write nothing")
 SMOKE = parser.parse_args().smoke
-ROUNDS, RUNS = (1, 10) if SMOKE else (40, 10)
+ROUNDS, RUNS, WARM_UPS = (1, 10, 0) if SMOKE else (40, 10, 1)
 
 RELEASE = REPOSITORY / "build/release/webreq"
 STATIC = REPOSITORY / "build/static/webreq"
@@ -52,7 +52,7 @@ class Row:
         output, report = folder / "output", folder / "report"
         if self.file:
             self.file[1].unlink(missing_ok=True)  # so that no other row's body is taken for this one's
-        hyperfine = ["hyperfine", "-N", "-w", "1", "-r", str(runs), "--style", "none"]
+        hyperfine = ["hyperfine", "-N", "-w", str(WARM_UPS), "-r", str(runs), "--style", "none"]
         subprocess.run(
             [*hyperfine, "--output", output, "--export-json", report, self.command],
             check=True,
@@ -216,7 +216,7 @@ def bodies(report, server, folder):
     for name, size in SIZES.items():
         body = server.root / str(size)
         fill(body, size)
-        rounds, runs = (1, 2) if SMOKE else (5, 1) if size > 64 * MIB else (10, 5)
+        rounds, runs = (1, 1) if SMOKE else (5, 1) if size > 64 * MIB else (10, 5)
         for scheme, base in (("HTTP", server.http_url), ("HTTPS", server.https_url)):
             if scheme == "HTTPS" and size not in SIZES_OVER_TLS:
                 continue
@@ -248,7 +248,7 @@ def parallel(report, server, folder):
     page = (server.root / "page.html").read_bytes()
     lines = []
     for count in PARALLEL:
-        runs = 16 if SMOKE else 500
+        runs = 16 if SMOKE else max(500, 32 * count)  # so many that the first and the last ones weigh little
         rows = measure(parallel_rows(server.http_url + "/page.html", page, count, runs), folder, 1 if SMOKE else 3, 1)
         lines.append([str(count)] + [f"{runs / r.median:.0f}" for r in rows.values()])
     faster = rows["curl"].median / rows["static"].median

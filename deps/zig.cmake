@@ -7,6 +7,8 @@ if(NOT EXISTS ${zig})
   message(FATAL_ERROR "There is no zig in build/tools: run scripts/setup static.")
 endif()
 cmake_path(GET zig PARENT_PATH zig_folder)
+# No compiler of the system's: clang would take from its version how to compile atomic operations for Arm.
+set(environment ZIG_GLOBAL_CACHE_DIR=${cache} "CCC_OVERRIDE_OPTIONS=#+--gcc-toolchain=/nonexistent")
 
 string(REGEX MATCH "^([^-]+)-(linux|macos)[-.]?([0-9.]*)" target ${ZIG_TARGET})
 set(processor ${CMAKE_MATCH_1})
@@ -21,7 +23,7 @@ set(CMAKE_SYSTEM_PROCESSOR ${processor})
 foreach(language IN ITEMS C CXX ASM)
   set(CMAKE_${language}_COMPILER ${zig} cc)
   set(CMAKE_${language}_COMPILER_TARGET ${ZIG_TARGET})
-  set(CMAKE_${language}_COMPILER_LAUNCHER env ZIG_GLOBAL_CACHE_DIR=${cache})
+  set(CMAKE_${language}_COMPILER_LAUNCHER env ${environment})
   set(CMAKE_${language}_FLAGS_INIT -g0)
 endforeach()
 set(CMAKE_CXX_COMPILER ${zig} c++)
@@ -37,8 +39,8 @@ if(NOT inputs)
   set(empty ${CMAKE_BINARY_DIR}/CMakeFiles/empty)
   file(WRITE ${empty}.cpp "int main() {}\n")
   execute_process(
-    COMMAND env ZIG_LOCAL_CACHE_DIR=${cache} ${zig} build-exe -target ${ZIG_TARGET} -O ReleaseSmall -fno-lto -fPIE
-      -fstrip -lc++ -lc --verbose-link -femit-bin=${empty} ${empty}.cpp
+    COMMAND env ${environment} ZIG_LOCAL_CACHE_DIR=${cache} ${zig} build-exe -target ${ZIG_TARGET} -O ReleaseSmall
+      -fno-lto -fPIE -fstrip -lc++ -lc --verbose-link -femit-bin=${empty} ${empty}.cpp
     ERROR_VARIABLE command_lines ERROR_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
   string(REGEX MATCH "[^\n]+$" command_line "${command_lines}")
   string(REGEX MATCHALL "/o/[0-9a-f]+/[+_a-z0-9]+\\.[ao]" inputs "${command_line}")
