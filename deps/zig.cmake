@@ -7,8 +7,7 @@ if(NOT EXISTS ${zig})
   message(FATAL_ERROR "There is no zig in build/tools: run scripts/setup static.")
 endif()
 cmake_path(GET zig PARENT_PATH zig_folder)
-# No compiler of the system's: clang would take from its version how to compile atomic operations for Arm.
-set(environment ZIG_GLOBAL_CACHE_DIR=${cache} "CCC_OVERRIDE_OPTIONS=#+--gcc-toolchain=/nonexistent")
+set(environment ZIG_GLOBAL_CACHE_DIR=${cache})
 
 string(REGEX MATCH "^([^-]+)-(linux|macos)[-.]?([0-9.]*)" target ${ZIG_TARGET})
 set(processor ${CMAKE_MATCH_1})
@@ -17,6 +16,10 @@ if(target MATCHES macos)
   set(CMAKE_SYSTEM_NAME Darwin)
 elseif(NOT processor STREQUAL CMAKE_HOST_SYSTEM_PROCESSOR)
   set(CMAKE_SYSTEM_NAME Linux)
+endif()
+if(target MATCHES linux)
+  # No look at the system's compilers: clang takes from their version how to compile atomic operations for Arm.
+  list(APPEND environment "CCC_OVERRIDE_OPTIONS=#+--gcc-toolchain=/nonexistent")
 endif()
 set(CMAKE_SYSTEM_PROCESSOR ${processor})
 
