@@ -131,5 +131,5 @@ def test_serve_answers_where_it_says():
                     answer = subprocess.run(request, stdout=subprocess.PIPE, check=True).stdout
                     assert answer == b"200\n" + PAGE.read_bytes() + b"\n"
             finally:
-                server.send_signal(signal.SIGINT)
+                server.send_signal(signal.SIGTERM)
     assert server.returncode == 130
