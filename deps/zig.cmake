@@ -36,7 +36,7 @@ set(CMAKE_SIZEOF_VOID_P 8)  # nor this: Debian 13's asks with -Wl, which the lin
 set(ENV{ZIG_GLOBAL_CACHE_DIR} ${cache})  # for what CMake compiles to find out about the compiler
 
 # zig builds its libraries when it links for a target, and tells where they are nowhere but in its linker's command
-# line.
+# line. In a folder above its own it would name its files by relative paths, and build the libraries once more for that.
 set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ZIG_TARGET inputs)
 if(NOT inputs)
   set(empty ${CMAKE_BINARY_DIR}/CMakeFiles/empty)
@@ -44,6 +44,7 @@ if(NOT inputs)
   execute_process(
     COMMAND env ${environment} ZIG_LOCAL_CACHE_DIR=${cache} ${zig} build-exe -target ${ZIG_TARGET} -O ReleaseSmall
       -fno-lto -fPIE -fstrip -lc++ -lc --verbose-link -femit-bin=${empty} ${empty}.cpp
+    WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
     ERROR_VARIABLE command_lines ERROR_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
   string(REGEX MATCH "[^\n]+$" command_line "${command_lines}")
   string(REGEX MATCHALL "/o/[0-9a-f]+/[+_a-z0-9]+\\.[ao]" inputs "${command_line}")
