@@ -6,7 +6,7 @@ import ssl
 
 import libcurl
 import pytest
-from conftest import ANSWERED, ENVIRONMENT, IS_STATIC, REPOSITORY, Answer
+from conftest import ANSWERED, ENVIRONMENT, IS_STATIC, REPOSITORY, Answer, unless
 from scripted_server import READ_REQUEST, RESPONSE, pause, reply
 
 PROXIES = {
@@ -99,7 +99,7 @@ Ciphersuites =
 """
 
 
-@pytest.mark.skipif(not IS_STATIC and libcurl.openssl_version() < (3, 0, 0), reason="another TLS library")
+@unless(not IS_STATIC and libcurl.openssl_version() < (3, 0, 0), "another TLS library")
 def test_configuration_of_openssl_is_the_systems_own_matter(tool, nginx, tmp_path):
     (tmp_path / "openssl.cnf").write_text(OPENSSL_CONF)
     answer = tool.request(

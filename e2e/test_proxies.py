@@ -6,7 +6,7 @@ import struct
 import libcurl
 import own_network
 import pytest
-from conftest import ANSWERED, ENVIRONMENT, Answer
+from conftest import ANSWERED, ENVIRONMENT, Answer, unless
 from scripted_server import READ_REQUEST, RESPONSE, ScriptedServer, reply
 
 PLAIN = b"GET / HTTP/1.1\r\nHost: 192.0.2.7\r\nAccept: */*\r\n\r\n"
@@ -99,7 +99,7 @@ def test_socks(request_through, serve, scheme, host, handshake):
     assert proxy.requests == [PLAIN.replace(b"192.0.2.7", host.encode())]
 
 
-@pytest.mark.skipif(not own_network.is_possible(), reason="no folder /etc can be put in the place of the system's")
+@pytest.mark.skipif(not own_network.is_possible(), reason=own_network.REASON)
 @pytest.mark.parametrize(
     "listed, result",
     [
@@ -127,7 +127,7 @@ def test_https_proxy(tool, tmp_path, make_certificate, listed, result):
     assert bool(b"".join(proxy.requests)) == result.startswith(b"200")
 
 
-@pytest.mark.skipif(libcurl.answer("proxy at a Unix socket") is None, reason="this libcurl knows no such proxies")
+@unless(libcurl.answer("proxy at a Unix socket") is None, "its libcurl knows no such proxies")
 def test_socks_at_a_unix_socket(request_through, tmp_path):
     """libcurl takes a path behind "localhost" for one."""
     with socket.socket(socket.AF_UNIX) as listener:

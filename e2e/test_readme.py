@@ -18,6 +18,7 @@ from conftest import (
     VERSION,
     Answer,
     impossible_under_translator,
+    unless,
 )
 from nginx import HTTP_PORT, HTTPS_PORT
 from scripted_server import READ_REQUEST, reply
@@ -138,9 +139,7 @@ def test_headers_as_the_usage_text_has_them_are_one(tool, serve):
     assert server.requests[0].endswith(b"Accept: */*\r\n" + header + b"\r\n\r\n")
 
 
-@pytest.mark.skipif(
-    sys.platform != "linux" or os.sysconf("SC_PAGE_SIZE") != 4096, reason="Linux allows an argument 32 pages"
-)
+@unless(sys.platform != "linux" or os.sysconf("SC_PAGE_SIZE") != 4096, "Linux allows an argument 32 pages")
 @each_document
 def test_longest_description(tool, shell, tmp_path, text):
     longest = "|" * int(re.search(r"On Linux a\s+description may have ([\d,]+) bytes", text)[1].replace(",", ""))
@@ -152,11 +151,14 @@ def test_longest_description(tool, shell, tmp_path, text):
     assert (answer.stdout, answer.status) == (b"", 126)
 
 
+of_the_loader = unless(sys.platform != "linux" or IS_SANITIZED, "about Linux's loader; sanitizers take descriptors")
+
+
 def limit_descriptors(count):
     return lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (count, count))
 
 
-@pytest.mark.skipif(sys.platform != "linux" or IS_SANITIZED, reason="about Linux's loader; sanitizers take descriptors")
+@of_the_loader
 @impossible_under_translator("it would lack descriptors")
 def test_too_few_descriptors(tool, serve):
     """The loader or libcurl lacks some; each run has one more than the run before."""
@@ -168,7 +170,7 @@ def test_too_few_descriptors(tool, serve):
     assert set(answers) == {*first, Answer(b"200\n"), *map(Answer, libcurl.answer("too few descriptors"))}
 
 
-@pytest.mark.skipif(sys.platform != "linux" or IS_SANITIZED, reason="about Linux's loader; sanitizers take descriptors")
+@of_the_loader
 @impossible_under_translator("it would lack descriptors")
 def test_too_few_descriptors_for_a_file(tool, tmp_path):
     (tmp_path / "page").write_text("body")
