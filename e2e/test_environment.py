@@ -26,7 +26,8 @@ def test_each_variable_of_the_manual_page_has_a_test():
 def test_proxy_for_http(tool, serve, name):
     proxy = serve(RESPONSE)
     assert tool.request("http://192.0.2.7/", env={**ENVIRONMENT, name: proxy.url}) == ANSWERED
-    assert proxy.requests[0].startswith(b"GET http://192.0.2.7/ ")
+    head = b"GET http://192.0.2.7/ HTTP/1.1\r\nHost: 192.0.2.7\r\n"
+    assert proxy.requests == [head + b"Accept: */*\r\nProxy-Connection: Keep-Alive\r\n\r\n"]
 
 
 @pytest.mark.parametrize("name", PROXIES["https"])

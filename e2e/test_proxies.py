@@ -7,7 +7,7 @@ import libcurl
 import own_network
 import pytest
 from conftest import ANSWERED, ENVIRONMENT, Answer, unless
-from scripted_server import READ_REQUEST, RESPONSE, ScriptedServer, reply
+from scripted_server import READ_REQUEST, RESPONSE, ScriptedServer
 
 PLAIN = b"GET / HTTP/1.1\r\nHost: 192.0.2.7\r\nAccept: */*\r\n\r\n"
 PORT = struct.pack(">H", 80)
@@ -57,14 +57,6 @@ def request_through(tool):
     return lambda url, **proxies: tool.request(url, env={**ENVIRONMENT, **proxies})
 
 
-def test_http(request_through, serve):
-    proxy = serve(RESPONSE)
-    assert request_through("http://192.0.2.7/", http_proxy=proxy.url) == ANSWERED
-    assert proxy.requests == [
-        b"GET http://192.0.2.7/ HTTP/1.1\r\nHost: 192.0.2.7\r\nAccept: */*\r\nProxy-Connection: Keep-Alive\r\n\r\n"
-    ]
-
-
 def test_http_with_a_password(request_through, serve):
     proxy = serve(RESPONSE)
     url = proxy.url.replace("//", "//user:secret@")
@@ -85,11 +77,6 @@ def test_tunnel(request_through, serve, make_certificate):
     proxy = serve([READ_REQUEST, b"HTTP/1.1 200 Established\r\n\r\n", encrypt])
     assert request_through("https://192.0.2.7/", https_proxy=proxy.url) == ANSWERED
     assert proxy.requests[0].startswith(b"CONNECT 192.0.2.7:443 HTTP/1.1\r\nHost: 192.0.2.7:443\r\n")
-
-
-def test_tunnel_that_is_refused(request_through, serve):
-    proxy = serve(reply(403))
-    assert request_through("https://192.0.2.7/", https_proxy=proxy.url) == Answer(libcurl.answer("refused tunnel"))
 
 
 @pytest.mark.parametrize("scheme, host, handshake", SOCKS, ids=[scheme for scheme, _, _ in SOCKS])

@@ -4,7 +4,6 @@ import os
 import pathlib
 import re
 import resource
-import signal
 import sys
 
 import libcurl
@@ -21,7 +20,7 @@ from conftest import (
     unless,
 )
 from nginx import HTTP_PORT, HTTPS_PORT
-from scripted_server import READ_REQUEST, reply
+from scripted_server import reply
 
 
 def read(path):
@@ -100,12 +99,6 @@ def test_shell_caller_of_a_tool_that_is_killed(shell, tmp_path, part):
     assert answer.stdout == b".||"
 
 
-def test_server_that_is_down_empties_the_output_file(tool, tmp_path, refusing):
-    (tmp_path / "page").write_text("former")
-    assert tool.request(f"{refusing}||||||page") == Answer(b"7\n")
-    assert (tmp_path / "page").read_text() == ""
-
-
 def test_shell_caller_that_keeps_the_old_file(shell, tmp_path, serve, refusing):
     def run(url):
         assert shell(KEEP_OLD_FILE, url=url, file="page") == Answer(b"")
@@ -177,15 +170,6 @@ def test_too_few_descriptors_for_a_file(tool, tmp_path):
     answers = {tool.request(f"file://{tmp_path}/page", preexec_fn=limit_descriptors(3 + i)) for i in range(12)}
     started = {answer for answer in answers if answer.status != 127} - {Answer(b"27\n")}
     assert started == {Answer(b"0\nbody\n")} | ({Answer(b"37\n")} if libcurl.answer("too few descriptors") else set())
-
-
-def test_tool_that_is_killed(shell, tmp_path, serve):
-    def kill(_):
-        os.kill(int((tmp_path / "pid").read_text()), signal.SIGKILL)
-
-    server = serve([READ_REQUEST, kill])
-    answer = shell("sh -c 'echo $$ >pid; exec webreq -web \"$url|||||60000\"'; exit $?", url=server.url)
-    assert (answer.stdout, answer.status) == (b"", 137)
 
 
 def table(text, first_heading):
