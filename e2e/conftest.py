@@ -30,8 +30,7 @@ VERSION, DATE = re.search(
 ).groups()
 BUILD_DATE = datetime.datetime.strptime(DATE, "%B %d, %Y")
 
-# The build's folder and the executable in it, which says itself what it is; WEBREQ may be a script that has valgrind or
-# an emulator run that.
+# The build's folder and the executable in it. WEBREQ may be a script: valgrind or an emulator runs the executable then.
 BUILD = pathlib.Path(WEBREQ).parent
 EXECUTABLE = BUILD / "webreq"
 
@@ -86,7 +85,7 @@ def kill_session(leader):
 
 
 class Tool:
-    """Runs the tool. A run that doesn't end within `timeout` seconds fails the test, and ends then."""
+    """Runs the tool. A run that lasts `timeout` seconds is ended and fails the test."""
 
     path = WEBREQ
 
@@ -104,7 +103,7 @@ class Tool:
 
     @contextlib.contextmanager
     def start(self, command, timeout=60, **options):
-        """Starts a command that runs the tool. What it has started ends with it, however the test ends."""
+        """Starts a command that runs the tool. Its whole session ends here, however the test ends."""
         options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "env": ENVIRONMENT, **options}
         expired = threading.Event()
         with subprocess.Popen(command, start_new_session=True, **options) as process:

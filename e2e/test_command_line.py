@@ -4,7 +4,7 @@ import pytest
 from conftest import BUILD_DATE, ENVIRONMENT, VERSION, Answer
 from scripted_server import reply
 
-# Made of digits of its own.
+# CMakeLists.txt's digits; the tool's source has its own.
 BANNER = f"webreq v{VERSION} ({BUILD_DATE:%Y%m%d}) / reqkit 4.1.6\n\n".encode()
 USAGE = b"""
 -web URL|PARAM|CMD|HEADER|AGENT|TIMEOUT|OUTFILE \t executes a web request with the given parameters

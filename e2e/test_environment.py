@@ -45,7 +45,7 @@ def test_no_proxy(tool, serve, name):
 
 
 def test_variables_that_nothing_reads(tool, tmp_path, serve):
-    """libcurl leaves out HTTP_PROXY, into which a web server may have put a request's header line."""
+    """libcurl does not read HTTP_PROXY: for a CGI program, that is the header line "Proxy" of a request."""
     server = serve([READ_REQUEST, pause(1.5), RESPONSE])
     fields = {"URL": "x:", "PARAM": "x", "CMD": "p", "HEADER": "X-A: 1", "AGENT": "x", "TIMEOUT": "999", "OUTFILE": "x"}
     variables = {f"WEBREQ_{name}": value for name, value in fields.items()}
@@ -65,7 +65,7 @@ def test_file_that_nothing_reads(tool, tmp_path, serve, name):
 
 
 def test_locale_that_knows_all_letters(tool, serve):
-    """The tool stays in the locale "C", in which no such name becomes an ASCII one."""
+    """The tool stays in the locale "C": no such name becomes an ASCII one there."""
     proxy = serve(RESPONSE)
     environment = {**ENVIRONMENT, "LC_ALL": "C.UTF-8", "http_proxy": proxy.url}
     answer = tool.request("http://b\u00fccher.invalid/", env=environment)

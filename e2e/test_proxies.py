@@ -97,7 +97,7 @@ def test_socks(request_through, serve, scheme, host, handshake):
     ids=["trusted", "not trusted", "no list"],
 )
 def test_https_proxy(tool, tmp_path, make_certificate, listed, result):
-    """Verification is off for servers, not for proxies: by the system's list of authorities, where Debian has it."""
+    """Verification is off for servers, not for proxies. The list of authorities is the system's, at Debian's path."""
     certificate = make_certificate("localhost")
     (tmp_path / "ssl/certs").mkdir(parents=True)
     if listed:

@@ -86,7 +86,7 @@ def test_shell_caller(shell, serve, body):
 
 
 def replace_tool(folder, output):
-    """By one that is killed behind this output."""
+    """By a script that is killed after this output."""
     (folder / "bin/webreq").unlink()
     (folder / "bin/webreq").write_text(f"#!/bin/sh\nprintf '{output}'; kill -KILL $$\n")
     (folder / "bin/webreq").chmod(0o755)
