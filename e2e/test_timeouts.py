@@ -1,7 +1,7 @@
 """A TIMEOUT of t milliseconds becomes whole seconds: t/1000 for connecting, t/500 for the whole request.
 
-The unit tests pin the numbers that libcurl gets; these cases show that they take effect. On a busy machine a run may last
-longer than its time-out: its upper bound is another run, started before it, that has to end after it.
+The unit tests pin the numbers that libcurl gets; these cases show that they take effect. On a busy machine a run may
+last longer than its time-out: its upper bound is another run, started before it, that has to end after it.
 """
 
 import contextlib
