@@ -112,7 +112,7 @@ def test_header_lines_are_sent(run, serve, command):
 
 @pytest.mark.parametrize(
     "command, seconds, time_out",
-    [("sh", [], "2000"), ("sh", ["60"], "30000"), ("python3", [], "2000"), ("python3", ["59.1"], "30000")],
+    [("sh", [], "15000"), ("sh", ["60"], "30000"), ("python3", [], "15000"), ("python3", ["59.1"], "30000")],
     indirect=["command"],
 )
 def test_time_out_is_no_shorter_than_the_deadline(run, command, tmp_path, seconds, time_out):

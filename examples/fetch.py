@@ -1,5 +1,5 @@
 """fetch.py URL [SECONDS [HEADER ...]]: the body of the answer on standard output. A HEADER is a line, "Name: value".
-Exits with status 1 when the request fails or takes longer than SECONDS (4)."""
+Exits with status 1 when the request fails or takes longer than SECONDS (30)."""
 
 import math
 import re
@@ -20,7 +20,7 @@ def request(url, seconds, headers):
     return int(result), body[:-1]
 
 
-def main(url=None, seconds="4", *headers):
+def main(url=None, seconds="30", *headers):
     if url is None:
         print("usage: fetch URL [SECONDS [HEADER ...]]", file=sys.stderr)
         sys.exit(2)

@@ -1,6 +1,6 @@
 #!/bin/sh
 # fetch.sh URL [SECONDS [HEADER ...]]: the body of the answer on standard output. A HEADER is a line, "Name: value".
-# Exits with status 1 when the request fails or takes longer than SECONDS (4).
+# Exits with status 1 when the request fails or takes longer than SECONDS (30).
 # Shell variables hold no NUL bytes, so the body goes through a file.
 set -eu
 
@@ -15,7 +15,7 @@ if [ $# -eq 0 ]; then
 fi
 
 url=$(printf '%s' "$1" | sed 's/|/%7C/g') # a bar would begin the next field
-seconds=${2-4}
+seconds=${2-30}
 case $seconds in '' | 0* | *[!0-9]*) fail "SECONDS is a whole number from 1 on" ;; esac
 shift
 [ $# -eq 0 ] || shift
