@@ -31,6 +31,7 @@ pid_t start(const std::string& description, std::array<int, 2>& ends) {
     _exit(127);
   }
   close(ends[1]);
+  if (process < 0) throw std::runtime_error("no process can be started");
   return process;
 }
 
@@ -38,10 +39,12 @@ pid_t start(const std::string& description, std::array<int, 2>& ends) {
 std::string readAll(int descriptor) {
   std::string bytes;
   std::array<char, 65536> buffer;
-  for (ssize_t count = 0; (count = read(descriptor, buffer.data(), buffer.size())) > 0;) {
+  ssize_t count = 0;
+  while ((count = read(descriptor, buffer.data(), buffer.size())) > 0) {
     bytes.append(buffer.data(), static_cast<std::size_t>(count));
   }
   close(descriptor);
+  if (count < 0) throw std::runtime_error("the output of webreq can't be read");
   return bytes;
 }
 
