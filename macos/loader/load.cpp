@@ -44,7 +44,7 @@ using EntryPoint = int(int argumentCount, char** arguments, char** environment, 
 extern "C" {
 
 // By prepare_slice.py: the executable and, behind it, libunwind, as they are in memory.
-extern const std::uint8_t executable[], libunwind[], kEndOfImages[];
+extern std::uint8_t executable[], libunwind[], endOfImages[];
 extern const Segment kSegments[];          // ends with one that begins at null
 extern const LazyBinding kLazyBindings[];  // ends with one whose pointer is null
 extern const UnwindSections kUnwindSections[2];
@@ -52,7 +52,7 @@ extern EntryPoint* const kEntryPoint;
 
 // libSystem's: sets `sections` to those of the image that holds the address. Returns whether there is one.
 bool findUnwindSections(const void* address, UnwindSections* sections) {
-  if (address < executable || address >= kEndOfImages) return false;
+  if (address < executable || address >= endOfImages) return false;
   *sections = kUnwindSections[address < libunwind ? 0 : 1];
   return true;
 }

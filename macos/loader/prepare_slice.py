@@ -100,7 +100,7 @@ def main(architecture, way, *paths):
                 bound[binding.address] = f"{target} + {binding.addend}"
         print(f".balign {PAGE}")
         print_words(image.name, image.list_words(bound))
-    print_words("kEndOfImages", [])
+    print_words("endOfImages", [])
     print_words("kSegments", [*(row for image in images for row in image.list_segments()), "0, 0, 0"])
     print_words("kLazyBindings", [*lazy, "0, 0, 0"])
     print_words("kUnwindSections", [image.unwind_sections() for image in images])

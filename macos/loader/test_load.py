@@ -28,9 +28,7 @@ def make_runner(tmp_path):
         copy = tmp_path / way
         copy.write_bytes(broken)
         copy.chmod(0o755)
-        return subprocess.run(
-            [*TRANSLATOR, copy, *arguments], capture_output=True, text=True, timeout=60, check=False
-        )
+        return subprocess.run([*TRANSLATOR, copy, *arguments], capture_output=True, text=True, timeout=60, check=False)
 
     return run
 
@@ -66,7 +64,9 @@ def test_binds_lazily_or_eagerly(run):
     binary = next(binary for binary in executable if binary.header.cpu_type.name.lower() == SLICE)
     (number,) = [binding.original_offset for binding in binary.bindings if binding.symbol.name == "_atoi"]
     beginning = {"x86_64": rb"\x68", "arm64": rb"\x50\0\0\x18...."}[SLICE]  # push NUMBER; ldr w16, #8; b ...
-    helper = re.search(beginning + re.escape(struct.pack("<I", number)), (PROGRAMS / "lazily" / NAME).read_bytes(), re.S)
+    helper = re.search(
+        beginning + re.escape(struct.pack("<I", number)), (PROGRAMS / "lazily" / NAME).read_bytes(), re.S
+    )
     broken = helper[0], helper[0][:-4] + struct.pack("<I", 9999)
     usage = run("lazily", *broken)
     assert usage.returncode == 255 and usage.stdout.startswith("webreq v")
