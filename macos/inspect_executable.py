@@ -79,7 +79,7 @@ def find_import_problems(binary, oldest):
     imported |= {binding.symbol.name for binding in binary.bindings if binding.has_library}  # others are defined here
     for symbol in sorted(imported):
         if symbol not in releases:
-            yield f"imports {symbol}, which symbols.txt doesn't list"
+            yield f"imports {symbol}, which macos/symbols.txt doesn't list"
         elif releases[symbol] > oldest:
             yield f"imports {symbol}, which is new in {dotted(releases[symbol])}"
 

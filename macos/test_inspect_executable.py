@@ -82,15 +82,15 @@ BREAKS = {
     ),
     "import": (
         rename(b"_strstr", b"_strstx", lambda binary: binary.symbol_command.strings_offset),
-        "imports _strstx, which symbols.txt doesn't list",
+        "imports _strstx, which macos/symbols.txt doesn't list",
     ),
     "import, bound lazily": (
         rename(b"_strstr", b"_strstx", lambda binary: binary.dyld_info.lazy_bind[0]),
-        "imports _strstx, which symbols.txt doesn't list",
+        "imports _strstx, which macos/symbols.txt doesn't list",
     ),
     "import, bound at once": (
         rename(b"___stderrp", b"___stderrx", lambda binary: binary.dyld_info.bind[0]),
-        "imports ___stderrx, which symbols.txt doesn't list",
+        "imports ___stderrx, which macos/symbols.txt doesn't list",
     ),
     "no signature": (change_command(COMMAND.CODE_SIGNATURE, 0, COMMAND.FUNCTION_STARTS.value), "has no signature"),
     "signature that isn't ad hoc": (change_directory(12, bytes(4)), "the signature isn't an ad hoc one"),
