@@ -1,6 +1,6 @@
 """Turns a slice of the executable into assembler for Linux: its bytes in memory, and what load.cpp reads. Linux's linker
-and loader rebase its pointers and bind its imports, as symbols.txt tells: eagerly, at launch, as dyld does from macOS 12
-on, or, with those of functions left to load.cpp, lazily, when they are first called, as up to macOS 11.
+and loader rebase its pointers and bind its imports to what symbols.txt names: with `eagerly` all of them at launch, as
+dyld does from macOS 12 on; with `lazily` load.cpp binds functions when they are first called, as dyld did before.
 
     build/tools/bin/python macos/loader/prepare_slice.py ARCHITECTURE lazily|eagerly EXECUTABLE LIBUNWIND
 """
@@ -66,9 +66,21 @@ class Image:
             protection = READABLE if is_constant else segment.init_protection
             yield f"{self.at(segment.virtual_address)}, {segment.virtual_size:#x}, {protection}"
 
-    def list_bindings(self):
-        """Those to other images; what is weak leads to the image's own definition already."""
-        return [binding for binding in self.slice.bindings if binding.has_library]
+    def bind(self, targets, lazily):
+        """What pointers to other images lead to, by their addresses; with `lazily` the functions' are rows by themselves.
+        What is weak leads to the image's own definition already."""
+        bound, lazy = {}, []
+        for binding in self.slice.bindings:
+            if not binding.has_library:
+                continue
+            if binding.symbol.name not in targets:
+                sys.exit(f"the import {binding.symbol.name} is not in macos/symbols.txt")
+            target = targets[binding.symbol.name]
+            if lazily and binding.binding_class == LAZY:
+                lazy.append(f"{self.at(binding.address)}, {target}, {binding.original_offset}")
+            else:
+                bound[binding.address] = f"{target} + {binding.addend}"
+        return bound, lazy
 
     def unwind_sections(self):
         sections = [self.slice.get_section(name) for name in ("__eh_frame", "__unwind_info")]
@@ -86,20 +98,10 @@ def main(architecture, way, *paths):
         Image(name, path, architecture) for name, path in zip(("executable", "libunwind"), paths)
     ]
     targets = read_replacements() | unwinder.exports
-    lazy = []
-    print(".data")
-    for image in images:
-        bound = {}
-        for binding in image.list_bindings():
-            if binding.symbol.name not in targets:
-                sys.exit(f"the import {binding.symbol.name} is not in macos/symbols.txt")
-            target = targets[binding.symbol.name]
-            if image is executable and way == "lazily" and binding.binding_class == LAZY:
-                lazy.append(f"{image.at(binding.address)}, {target}, {binding.original_offset}")
-            else:
-                bound[binding.address] = f"{target} + {binding.addend}"
-        print(f".balign {PAGE}")
-        print_words(image.name, image.list_words(bound))
+    bound, lazy = executable.bind(targets, way == "lazily")
+    print(f".data\n.balign {PAGE}")
+    print_words("executable", executable.list_words(bound))
+    print_words("libunwind", unwinder.list_words(unwinder.bind(targets, lazily=False)[0]))
     print_words("endOfImages", [])
     print_words("kSegments", [*(row for image in images for row in image.list_segments()), "0, 0, 0"])
     print_words("kLazyBindings", [*lazy, "0, 0, 0"])

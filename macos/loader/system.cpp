@@ -62,7 +62,7 @@ constexpr std::uint64_t kUnusedMutex = 0x32AAABA7;
 constexpr std::uint64_t kUnusedOnce = 0x30B1BCBA;
 constexpr std::uint64_t kUsedOnce = 0x4F4E4345;
 
-// What macOS has in its opaque objects, as far as they can be made without a call.
+// macOS's opaque objects, as static initialisers make them.
 struct Mutex {
   std::uint64_t signature;
   std::uint64_t isLocked;
