@@ -1,5 +1,5 @@
-"""Inspects a universal macOS executable: prints everything that would keep it from running on the systems it is meant
-for, and exits with status 1 if there is anything. LIEF reads it; what LIEF stumbles over counts.
+"""Inspects the universal macOS executable: prints what keeps it from running on the systems that it is meant for, and
+exits with status 1 if there is anything.
 
     build/tools/bin/python macos/inspect_executable.py EXECUTABLE
 """
@@ -8,75 +8,59 @@ import hashlib
 import pathlib
 import struct
 import sys
-import tempfile
 
 import lief
 from lief import MachO
-from loader_rules import CLASS, find_loader_problems
 
-# Mach-O's numbers of processors, the names of their architectures, and the oldest system of each.
-ARCHITECTURES = {0x01000007: "x86_64", 0x0100000C: "arm64"}
-OLDEST_SYSTEMS = {"x86_64": [10, 13, 0], "arm64": [11, 0, 0]}
+OLDEST_SYSTEMS = {"arm64": [11, 0, 0], "x86_64": [10, 13, 0]}
 # With the newest compatibility version that every system meets.
 LIBRARIES = {
     "/usr/lib/libSystem.B.dylib": [1, 0, 0],
     "/usr/lib/libcurl.4.dylib": [7, 0, 0],
 }
-UNIVERSAL = 0xCAFEBABE
+# dyld refuses an executable that has another command with the bit REQUIRED than it knows; all know these.
+REQUIRED = 0x80000000
+KNOWN_COMMANDS = (MachO.LoadCommand.TYPE.DYLD_INFO_ONLY, MachO.LoadCommand.TYPE.MAIN)
 AD_HOC = 0x2
 SHA256 = 2
 
 
 def main(path):
-    problems = list(dict.fromkeys(find_problems(pathlib.Path(path).read_bytes())))
+    problems = list(dict.fromkeys(find_problems(pathlib.Path(path))))
     for problem in problems:
         print(f"{path}: {problem}", file=sys.stderr)
     return 1 if problems else 0
 
 
-def find_problems(content):
-    slices = list(list_slices(content))
-    names = sorted(ARCHITECTURES.get(number, str(number)) for number, _, _ in slices)
+def find_problems(path):
+    lief.logging.disable()
+    universal = MachO.parse(path)  # None if it is no such file
+    names = sorted(binary.header.cpu_type.name.lower() for binary in universal or ())
     if names != sorted(OLDEST_SYSTEMS):
         yield f"has the slices {names}, not {sorted(OLDEST_SYSTEMS)}"
-    for number, start, size in slices:
-        if number in ARCHITECTURES:
-            for problem in find_slice_problems(number, start, content[start:][:size]):
-                yield f"{ARCHITECTURES[number]}: {problem}"
+        return
+    fits, problem = MachO.check_layout(universal)
+    if not fits:
+        yield " ".join(problem.split())
+    for binary in universal:
+        content = path.read_bytes()[binary.fat_offset :][: binary.original_size]
+        name = binary.header.cpu_type.name.lower()
+        for problem in find_slice_problems(binary, content, OLDEST_SYSTEMS[name]):
+            yield f"{name}: {problem}"
 
 
-def list_slices(content):
-    """The number of the processor, the place and the size of each slice, as the file lists them. LIEF doesn't say."""
-    magic, count = struct.unpack_from(">II", content)
-    for i in range(count if magic == UNIVERSAL else 0):
-        number, _, start, size, _ = struct.unpack_from(">5I", content, 8 + 20 * i)
-        yield number, start, size
-
-
-def find_slice_problems(number, start, content):
-    with tempfile.NamedTemporaryFile("r") as log:
-        lief.logging.set_path(log.name)
-        file = MachO.parse(content)  # what is in it lasts as long as this
-        if file is None or file.at(0).header.cpu_type.value != number:
-            yield "the slice isn't for the processor that the file lists"
-            return
-        binary = file.at(0)
-        if start % binary.page_size:
-            yield "the slice isn't on a page boundary of the file"
-        yield from find_promise_problems(OLDEST_SYSTEMS[ARCHITECTURES[number]], binary)
-        yield from find_signature_problems(binary.code_signature, content)
-        yield from find_loader_problems(ARCHITECTURES[number], binary, content)
-        yield from (f"LIEF stumbles: {line.strip()}" for line in log if line.strip())
-
-
-def find_promise_problems(promised, binary):
+def find_slice_problems(binary, content, promised):
     oldest = oldest_system(binary)
     if oldest != promised:
         yield f"the oldest system is {dotted(oldest)}, not {dotted(promised)}"
     for library in binary.libraries:
         if library.compatibility_version > LIBRARIES.get(library.name, []):
             yield f"loads {library.name} {dotted(library.compatibility_version)}"
+    for command in binary.commands:
+        if command.command.value & REQUIRED and command.command not in KNOWN_COMMANDS:
+            yield f"has a load command of kind {command.command.name}"
     yield from find_import_problems(binary, oldest)
+    yield from find_signature_problems(binary.code_signature, content)
 
 
 def oldest_system(binary):
@@ -92,14 +76,12 @@ def dotted(version):
 def find_import_problems(binary, oldest):
     releases = read_releases()
     imported = {symbol.name for symbol in binary.symbols if symbol.type == MachO.Symbol.TYPE.UNDEFINED}
-    bound = {binding.symbol.name for binding in binary.bindings if binding.binding_class != CLASS.WEAK}
-    for symbol in sorted(imported | bound):
+    imported |= {binding.symbol.name for binding in binary.bindings if binding.has_library}  # others are defined here
+    for symbol in sorted(imported):
         if symbol not in releases:
-            yield f"imports {symbol}, which symbols.txt doesn't list"
+            yield f"imports {symbol}, which macos/symbols.txt doesn't list"
         elif releases[symbol] > oldest:
             yield f"imports {symbol}, which is new in {dotted(releases[symbol])}"
-    for symbol in sorted(imported ^ bound):
-        yield f"imports {symbol} without binding it, or the other way round"
 
 
 def read_releases():
@@ -108,7 +90,8 @@ def read_releases():
     for line in pathlib.Path(__file__).with_name("symbols.txt").read_text().splitlines():
         if line and not line.startswith("#"):
             release, *symbols = line.split()
-            releases.update(dict.fromkeys(symbols, list(map(int, release.split(".")))))
+            for symbol in symbols:
+                releases[symbol.partition("=")[0]] = list(map(int, release.split(".")))
     return releases
 
 

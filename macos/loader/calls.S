@@ -1,12 +1,20 @@
-// Where the images call what isn't called alike on Linux.
+// Adapters for calls whose convention differs between macOS and Linux.
 
+// "function NAME" begins one.
+        .macro  function name
+        .globl  \name
+        .type   \name, %function
+\name:
+        .endm
+
+// stubBinder is dyld_stub_binder: a function's stub leads to it until the function is bound. The stub's helper has
+// pushed the number of the lazy binding and an address in the image. All registers that hold arguments survive.
+//
+// variadic_NAME is NAME for callers by macOS's convention: Apple's arm64 passes all variable arguments on the stack, 8
+// bytes each; Linux passes them in registers, like others.
 #if defined(__x86_64__)
 
-// What images import as dyld_stub_binder: where a function's stub leads as long as the function isn't bound. The stub's
-// helper has pushed which lazy binding it is, and an address in the image. All registers that hold arguments survive.
-        .globl  stubBinder
-        .type   stubBinder, @function
-stubBinder:
+        function stubBinder
         pushq   %rbp
         movq    %rsp, %rbp              // above it: address in the image, lazy binding, return address
         .irp    register, rax, rdi, rsi, rdx, rcx, r8, r9
@@ -29,11 +37,16 @@ stubBinder:
         addq    $16, %rsp
         jmp     *%r11
 
+        .macro  variadic name
+        function variadic_\name
+        jmp     \name@PLT
+        .endm
+
+        variadic snprintf
+
 #elif defined(__aarch64__)
 
-        .globl  stubBinder
-        .type   stubBinder, %function
-stubBinder:
+        function stubBinder
         stp     x29, x30, [sp, #-16]!
         mov     x29, sp                 // above it: lazy binding, address in the image
         sub     sp, sp, #224
@@ -52,26 +65,21 @@ stubBinder:
         ldp     x29, x30, [sp], #32     // takes off what the helper pushed, too
         br      x16
 
-// Apple's arm64 passes all variable arguments on the stack, 8 bytes each; Linux passes them in registers, as others.
-        .macro  from_stack name, register
-        .globl  variadic_\name
-        .type   variadic_\name, %function
-variadic_\name:
-        ldr     \register, [sp]
+        .macro  variadic name
+        function variadic_\name
+        ldr     x2, [sp]
         b       \name
         .endm
 
-        from_stack openFile, x2
-        from_stack controlFile, x2
-        from_stack curl_easy_setopt, x2
-        from_stack curl_easy_getinfo, x2
-
-        .globl  variadic_snprintf
-        .type   variadic_snprintf, %function
-variadic_snprintf:
+        function variadic_snprintf
         mov     x3, sp
         b       formatFromStack
 
 #endif
+
+        variadic openFile
+        variadic controlFile
+        variadic curl_easy_setopt
+        variadic curl_easy_getinfo
 
         .section .note.GNU-stack, "", %progbits

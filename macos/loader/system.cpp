@@ -1,21 +1,21 @@
-#include "system.h"
-
+// Functions of libSystem's where Linux's are different ones: constants, error numbers and opaque objects are macOS's.
+// ../symbols.txt says which is bound to which. A constant not known here is refused, never handed on.
 #include <fcntl.h>
-#include <pthread.h>
+#include <poll.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdarg>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
 #include "load.h"
-
-namespace macho {
-
-int systemError = 0;
 
 namespace {
 
@@ -37,7 +37,7 @@ int translateBits(const char* function, int bits, const std::array<Constant, siz
   return translated;
 }
 
-// Those that aren't the same; the others up to ERANGE are.
+// The errors whose numbers differ; the others up to ERANGE have the same.
 constexpr std::array<Constant, 9> kErrors = {{
     {35, EAGAIN},
     {45, EOPNOTSUPP},
@@ -50,16 +50,6 @@ constexpr std::array<Constant, 9> kErrors = {{
     {89, ECANCELED},
 }};
 
-constexpr std::uint64_t kUnusedMutex = 0x32AAABA7;
-constexpr std::uint64_t kUnusedOnce = 0x30B1BCBA;
-constexpr std::uint64_t kUsedOnce = 0x4F4E4345;
-
-// Variable arguments have no type that call() could know.
-int openWithMode(const char* path, int flags, mode_t mode) { return open(path, flags, mode); }
-int getFlags(int file) { return fcntl(file, F_GETFD); }
-
-}  // namespace
-
 int translateError(int error) {
   for (const Constant& constant : kErrors) {
     if (constant.here == error) return constant.macos;
@@ -68,19 +58,54 @@ int translateError(int error) {
   return error;
 }
 
-int* addressOfError() { return &systemError; }
+constexpr std::uint64_t kUnusedMutex = 0x32AAABA7;
+constexpr std::uint64_t kUnusedOnce = 0x30B1BCBA;
+constexpr std::uint64_t kUsedOnce = 0x4F4E4345;
+
+// macOS's opaque objects, as static initialisers make them.
+struct Mutex {
+  std::uint64_t signature;
+  std::uint64_t isLocked;
+};
+
+struct Once {
+  std::uint64_t signature;
+};
+
+}  // namespace
+
+extern "C" {
+
+// macOS's errno: takes over what Linux has set since the last call.
+int* addressOfError() {
+  static int error = 0;
+  if (errno != 0) error = translateError(errno);
+  errno = 0;
+  return &error;
+}
+
+int openFile(const char* path, int flags, mode_t mode) {
+  constexpr std::array<Constant, 4> kFlags = {{{0x1, O_WRONLY}, {0x2, O_RDWR}, {0x200, O_CREAT}, {0x400, O_TRUNC}}};
+  return open(path, translateBits("open", flags, kFlags), mode);
+}
+
+int controlFile(int file, int command, long /*argument*/) {
+  constexpr int kGetFlags = 1;
+  if (command != kGetFlags) refuse("fcntl gets the unknown command %d", command);
+  return fcntl(file, F_GETFD);
+}
 
 void* mapMemory(void* address, std::size_t size, int protection, int flags, int file, off_t offset) {
   constexpr std::array<Constant, 2> kProtection = {{{0x1, PROT_READ}, {0x2, PROT_WRITE}}};
   constexpr std::array<Constant, 2> kFlags = {{{0x2, MAP_PRIVATE}, {0x1000, MAP_ANONYMOUS}}};
-  return call<mmap>(address, size, translateBits("mmap", protection, kProtection), translateBits("mmap", flags, kFlags),
-                    file, offset);
+  return mmap(address, size, translateBits("mmap", protection, kProtection), translateBits("mmap", flags, kFlags), file,
+              offset);
 }
 
 int pollFiles(pollfd* files, unsigned count, int timeOut) {
   constexpr std::array<Constant, 2> kEvents = {{{0x1, POLLIN}, {0x4, POLLOUT}}};  // the same, as are POLLERR and so on
   for (unsigned i = 0; i < count; ++i) translateBits("poll", files[i].events, kEvents);
-  return call<poll>(files, nfds_t{count}, timeOut);
+  return poll(files, count, timeOut);
 }
 
 sighandler_t setSignalHandler(int number, sighandler_t handler) {
@@ -90,14 +115,12 @@ sighandler_t setSignalHandler(int number, sighandler_t handler) {
 }
 
 ssize_t writeFile(int file, const void* bytes, std::size_t size) {
-  if (size > INT_MAX) {
-    systemError = EINVAL;
-    return -1;
-  }
-  return call<write>(file, bytes, size);
+  if (size <= INT_MAX) return write(file, bytes, size);
+  errno = EINVAL;
+  return -1;
 }
 
-// One thread runs the image's code: nobody else can have locked a mutex or wait for anything.
+// One thread runs the image's code: no other can have locked a mutex or wait for anything.
 int lockMutex(Mutex* mutex) {
   if (mutex->signature != kUnusedMutex || mutex->isLocked != 0) refuse("a mutex that can't be locked");
   mutex->isLocked = 1;
@@ -110,8 +133,6 @@ int unlockMutex(Mutex* mutex) {
   return 0;
 }
 
-int broadcast(void* /*condition*/) { return 0; }
-
 int callOnce(Once* once, void (*function)()) {
   if (once->signature != kUnusedOnce && once->signature != kUsedOnce) refuse("something that isn't for pthread_once");
   if (once->signature == kUnusedOnce) function();
@@ -119,35 +140,11 @@ int callOnce(Once* once, void (*function)()) {
   return 0;
 }
 
-int createKey(std::uint64_t* key, void (*destroy)(void*)) {
-  pthread_key_t made = 0;
-  const int error = pthread_key_create(&made, destroy);
-  *key = made;
-  return error == 0 ? 0 : translateError(error);
-}
+// Succeeds: nobody waits for a condition, and images stay.
+int doNothing() { return 0; }
 
-void* getSpecific(std::uint64_t key) { return pthread_getspecific(static_cast<pthread_key_t>(key)); }
-
-int setSpecific(std::uint64_t key, const void* value) {
-  const int error = pthread_setspecific(static_cast<pthread_key_t>(key), value);
-  return error == 0 ? 0 : translateError(error);
-}
-
-unsigned numberOfThread(std::uint64_t /*thread*/) { return static_cast<unsigned>(gettid()); }
-
-}  // namespace macho
-
-int openFile(const char* path, int flags, mode_t mode) {
-  constexpr std::array<macho::Constant, 4> kFlags = {
-      {{0x1, O_WRONLY}, {0x2, O_RDWR}, {0x200, O_CREAT}, {0x400, O_TRUNC}}};
-  return macho::call<macho::openWithMode>(path, macho::translateBits("open", flags, kFlags), mode);
-}
-
-int controlFile(int file, int command, long /*argument*/) {
-  constexpr int kGetFlags = 1;
-  if (command != kGetFlags) macho::refuse("fcntl gets the unknown command %d", command);
-  return macho::call<macho::getFlags>(file);
-}
+// What is called only where the process is about to abort, or to look for a newer system.
+void refuseCall() { refuse("calls a function for which there is nothing here"); }
 
 #if defined(__aarch64__)
 int formatFromStack(char* text, std::size_t size, const char* format, void* stack) {
@@ -162,3 +159,5 @@ int formatFromStack(char* text, std::size_t size, const char* format, void* stac
   return std::vsnprintf(text, size, format, arguments);
 }
 #endif
+
+}  // extern "C"

@@ -1,44 +1,36 @@
-"""What the loader refuses: one line that names it, and status 126. $SLICE is the slice that it runs. "macos/test" runs
-this."""
+"""What the loader refuses: one line that names it, and status 126. $PROGRAMS is the folder with what "assemble" has made
+of the slice $SLICE. "macos/test" runs this."""
 
 import os
 import pathlib
+import re
+import struct
 import subprocess
 
 import pytest
-from executable_copy import Slice, copy_executable, rename
-
-__all__ = ["copy_executable"]  # a fixture
+from lief import MachO
 
 SLICE = os.environ["SLICE"]
+PROGRAMS = pathlib.Path(os.environ["PROGRAMS"])
+ROOT = pathlib.Path(__file__).parents[2] / "build/arm64"
+NAME, TRANSLATOR = {"x86_64": ("webreq", []), "arm64": ("translated", ["qemu-aarch64", "-L", ROOT])}[SLICE]
 
 
 @pytest.fixture(name="run")
-def make_runner(copy, tmp_path):
-    """Breaks a copy of the executable. Returns what runs it, with functions bound lazily or eagerly."""
+def make_runner(tmp_path):
+    """Runs a copy of the program, lazily's or eagerly's, in whose slice bytes are replaced."""
 
-    def build(break_slice):
-        break_slice(Slice(copy, SLICE))
-        subprocess.run([pathlib.Path(__file__).with_name("build"), SLICE, copy, tmp_path / "run"], check=True)
-        return lambda way, *arguments: subprocess.run(
-            [tmp_path / "run" / way / "webreq", *arguments], capture_output=True, text=True, check=False
-        )
+    def run(way, old, new, *arguments):
+        content = (PROGRAMS / way / NAME).read_bytes()
+        begin = content.index(struct.pack("<I", MachO.MACHO_TYPES.MAGIC_64.value))
+        broken = content[:begin] + content[begin:].replace(old, new, 1)
+        assert old != new and len(broken) == len(content) and broken != content
+        copy = tmp_path / way
+        copy.write_bytes(broken)
+        copy.chmod(0o755)
+        return subprocess.run([*TRANSLATOR, copy, *arguments], capture_output=True, text=True, timeout=60, check=False)
 
-    return build
-
-
-def refusal(line):
-    return ("", f"load: {line}\n", 126)
-
-
-def test_refuses_an_unknown_import(run):
-    """At launch, or when it is called: _atoi reads the time-out, of which the usage has none."""
-    run = run(rename("_atoi", "_atox", "lazy_bind_off"))
-    line = "the import _atox of /usr/lib/libSystem.B.dylib isn't known"
-    usage, request = run("lazily"), run("lazily", "-web", "file:///dev/null")
-    assert usage.returncode == 255 and usage.stdout.startswith("webreq v")
-    for refused in (request, run("eagerly")):
-        assert (refused.stdout, refused.stderr, refused.returncode) == refusal(line)
+    return run
 
 
 # Instructions that load a constant, and the same with one that isn't known: the flags of the output file, with O_EXCL
@@ -61,7 +53,24 @@ CONSTANTS = {
 
 @pytest.mark.parametrize("line", CONSTANTS)
 def test_refuses_an_unknown_constant(run, tmp_path, line):
-    run = run(lambda part: part.replace(*CONSTANTS[line][SLICE]))
-    refused = run("lazily", "-web", f"file:///dev/null||||||{tmp_path}/out")
-    assert (refused.stderr, refused.returncode) == refusal(line)[1:]
+    refused = run("lazily", *CONSTANTS[line][SLICE], "-web", f"file:///dev/null||||||{tmp_path}/out")
+    assert (refused.stderr, refused.returncode) == (f"load: {line}\n", 126)
     assert refused.stdout == ("0\n" if line.startswith("open") else "")
+
+
+def test_binds_lazily_or_eagerly(run):
+    """The helper of _atoi's stub asks for a binding that there isn't, when it is called: for a request's time-out."""
+    executable = MachO.parse(pathlib.Path(__file__).parents[2] / "build/macos-universal/webreq")
+    binary = next(binary for binary in executable if binary.header.cpu_type.name.lower() == SLICE)
+    (number,) = [binding.original_offset for binding in binary.bindings if binding.symbol.name == "_atoi"]
+    beginning = {"x86_64": rb"\x68", "arm64": rb"\x50\0\0\x18...."}[SLICE]  # push NUMBER; ldr w16, #8; b ...
+    helper = re.search(
+        beginning + re.escape(struct.pack("<I", number)), (PROGRAMS / "lazily" / NAME).read_bytes(), re.S
+    )
+    broken = helper[0], helper[0][:-4] + struct.pack("<I", 9999)
+    usage = run("lazily", *broken)
+    assert usage.returncode == 255 and usage.stdout.startswith("webreq v")
+    refused = run("lazily", *broken, "-web", "file:///dev/null")
+    assert (refused.stdout, refused.stderr, refused.returncode) == ("", "load: there is no lazy binding 9999\n", 126)
+    answered = run("eagerly", *broken, "-web", "file:///dev/null")
+    assert (answered.stdout, answered.stderr, answered.returncode) == ("0\n", "", 0)

@@ -1,5 +1,5 @@
-// Stands in for a program that is for 64-bit Arm where tests expect one: has qemu translate it, under the name that it
-// is called by. Linked statically, so that what tests preload goes to the program alone.
+// Runs a program for 64-bit Arm through qemu, under the name that this one is called by. Linked statically, so that what
+// tests preload goes to the Arm program alone.
 #define _GNU_SOURCE
 #include <stdio.h>
 #include <stdlib.h>
