@@ -8,9 +8,9 @@ import name_server
 import own_network
 import pytest
 from conftest import (
-    BUILD,
     ENVIRONMENT,
     IS_STATIC,
+    OBJECTS,
     REPOSITORY,
     Answer,
     impossible_on_macos,
@@ -33,8 +33,6 @@ OF_THE_LANGUAGE = (
     r"|std::(terminate|__throw_\w+|__glibcxx_assert_fail|_Rb_tree_\w+)\(.*"
     r"|std::(logic_error|length_error|bad_array_new_length)::.*|std::(__\w+::)?basic_string<char, .*"
 )
-
-OBJECTS = [BUILD / name for name in ("CMakeFiles/webreq.dir/app/main.cpp.o", "libfront_end.a", "libreqkit.a")]
 
 
 def symbols(option):
