@@ -1,6 +1,6 @@
 # End-to-end tests of the built tool, e2e/test_<name>.py; unit tests, <name>_test.cpp, linked with a recording libcurl.
 set(end_to_end_tests command_line environment examples failures fields footprint hardening headers misbehaving_servers
-  output output_file process proxies readme redirects resolver responses server static system_calls timeouts tls)
+  output output_file process proxies readme redirects resolver responses static system_calls timeouts tls)
 set(unit_tests text/strings net/web_request app/request_description app/response_reservation app/usage app/output
   app/process_setup app/front_end testing/interruptions testing/recording_curl)
 

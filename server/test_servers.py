@@ -1,4 +1,5 @@
-"""The servers that the other tests talk to: nginx serves any folder, and what goes wrong in one is told."""
+"""The servers that the tests talk to: nginx serves any folder, and what goes wrong in one is told. Run it by
+"scripts/check scripts"."""
 
 import os
 import select
@@ -11,7 +12,6 @@ import urllib.request
 import nginx
 import own_network
 import pytest
-from conftest import impossible_on_macos
 from scripted_server import READ_REQUEST, RESPONSE, ScriptedServer
 
 direct = urllib.request.build_opener(urllib.request.ProxyHandler({}))
@@ -31,7 +31,6 @@ def test_nginx_finds_nothing_wrong_with_its_configuration():
     assert "[warn]" not in log
 
 
-@impossible_on_macos("a child outlives its parent")
 def test_nginx_ends_with_whoever_started_it():
     start = "import nginx; server = nginx.Nginx(); print(server.process_id, server.folder, flush=True); input()"
     command = [sys.executable, "-c", start]
@@ -67,9 +66,9 @@ except KeyError:
 
 
 @pytest.mark.skipif(not own_network.is_possible(), reason="no network namespace can be made here")
-def test_network_ends_with_a_body_that_fails(tool):
-    answer = tool.run_command([sys.executable, "-c", FAILING_BODY], cwd=os.path.dirname(own_network.__file__))
-    assert b"ProcessLookupError" in answer.stderr
+def test_network_ends_with_a_body_that_fails():
+    command, folder = [sys.executable, "-c", FAILING_BODY], os.path.dirname(own_network.__file__)
+    assert b"ProcessLookupError" in subprocess.run(command, stderr=-1, cwd=folder, check=False).stderr
 
 
 def test_step_that_fails_fails_the_test_and_not_the_next_connection():
