@@ -4,13 +4,11 @@
 import os
 import select
 import shutil
-import socket
 import subprocess
 import sys
 import urllib.request
 
 import nginx
-import own_network
 import pytest
 from scripted_server import READ_REQUEST, RESPONSE, ScriptedServer
 
@@ -47,28 +45,6 @@ def test_server_that_does_not_start_says_why(monkeypatch):
     monkeypatch.setattr(nginx, "CONFIGURATION", nginx.CONFIGURATION + "nonsense;\n")
     with pytest.raises(OSError, match='nginx does not start: .* unknown directive "nonsense"'):
         nginx.Nginx()
-
-
-def test_port_that_is_taken_is_an_error():
-    with socket.create_server(("127.0.0.1", 0)) as taken:
-        with pytest.raises(OSError, match="Address already in use"):
-            nginx.Nginx(http_port=taken.getsockname()[1])
-
-
-FAILING_BODY = """
-import os, own_network
-try:
-    with own_network.start("/etc") as (enter, _):
-        raise KeyError
-except KeyError:
-    os.kill(int(enter[-1]), 0)
-"""
-
-
-@pytest.mark.skipif(not own_network.is_possible(), reason="no network namespace can be made here")
-def test_network_ends_with_a_body_that_fails():
-    command, folder = [sys.executable, "-c", FAILING_BODY], os.path.dirname(own_network.__file__)
-    assert b"ProcessLookupError" in subprocess.run(command, stderr=-1, cwd=folder, check=False).stderr
 
 
 def test_step_that_fails_fails_the_test_and_not_the_next_connection():
