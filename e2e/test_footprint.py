@@ -22,7 +22,8 @@ OTHER_NAMES |= {"strtol": "atoi", "__isoc23_strtol": "atoi"}
 # The language's, which the compiler calls: memory, exceptions, strings, maps. No streams, no threads, no files.
 OF_THE_LANGUAGE = (
     r"_GLOBAL_OFFSET_TABLE_|_Unwind_Resume|__cxa_\w+|__gxx_personality_v0|__stack_chk_fail"
-    r"|bcmp|mem(chr|cmp|cpy|move|set)|operator (new|delete)\(.*|(vtable|typeinfo) for std::(length_error|bad_array_new_length)"
+    r"|bcmp|mem(chr|cmp|cpy|move|set)|operator (new|delete)\(.*"
+    r"|(vtable|typeinfo) for std::(length_error|bad_array_new_length)"
     r"|std::(terminate|__throw_\w+|__glibcxx_assert_fail|_Rb_tree_\w+)\(.*"
     r"|std::(logic_error|length_error|bad_array_new_length)::.*|std::(__\w+::)?basic_string<char, .*"
 )
