@@ -7,30 +7,23 @@ import subprocess
 import name_server
 import own_network
 import pytest
-from conftest import (
-    ENVIRONMENT,
-    IS_STATIC,
-    OBJECTS,
-    REPOSITORY,
-    Answer,
-    impossible_on_macos,
-    impossible_under_translator,
-    unless,
-)
+from conftest import ENVIRONMENT, IS_STATIC, OBJECTS, REPOSITORY, Answer
+from conftest import impossible_on_macos, impossible_under_translator, unless
 
 pytestmark = [impossible_on_macos("no ELF files and no strace"), impossible_under_translator("it makes calls itself")]
 
 # The C library's functions: those in macos/symbols.txt, and on Linux these.
 ON_LINUX = {"madvise", "sysconf"}
 
-# What they are called here, by headers that check or inline them.
+# Their names where a header checks or inlines them.
 OTHER_NAMES = {"__errno_location": "errno", "__error": "errno", "__snprintf_chk": "snprintf"}
 OTHER_NAMES |= {"strtol": "atoi", "__isoc23_strtol": "atoi"}
 
-# What the compiler calls for the language: memory, exceptions, strings, maps. No streams, no threads, no files.
+# The language's, which the compiler calls: memory, exceptions, strings, maps. No streams, no threads, no files.
 OF_THE_LANGUAGE = (
-    r"_GLOBAL_OFFSET_TABLE_|_Unwind_Resume|__cxa_\w+|__gxx_personality_v0|__stack_chk_fail|bcmp|mem(chr|cmp|cpy|move|set)"
-    r"|operator (new|delete)\(.*|(vtable|typeinfo) for std::(length_error|bad_array_new_length)"
+    r"_GLOBAL_OFFSET_TABLE_|_Unwind_Resume|__cxa_\w+|__gxx_personality_v0|__stack_chk_fail"
+    r"|bcmp|mem(chr|cmp|cpy|move|set)|operator (new|delete)\(.*"
+    r"|(vtable|typeinfo) for std::(length_error|bad_array_new_length)"
     r"|std::(terminate|__throw_\w+|__glibcxx_assert_fail|_Rb_tree_\w+)\(.*"
     r"|std::(logic_error|length_error|bad_array_new_length)::.*|std::(__\w+::)?basic_string<char, .*"
 )
@@ -64,8 +57,8 @@ def test_functions_called():
 
 # The kernel's calls.
 
-# What of a call's arguments counts: others are addresses, descriptors and sizes.
-COUNTS = {
+# The arguments that the document gives; the others are addresses, descriptors and sizes.
+GIVEN = {
     "fcntl": r"\d+, (F_\w+)",
     "madvise": r".*, (MADV_\w+|0x\w+)",
     "mmap": r".*?(PROT_[\w|]+, MAP_[\w|]+)",
@@ -81,15 +74,15 @@ COUNTS = {
 def outline(line):
     """Such as "open OUTFILE O_WRONLY O_CREAT O_TRUNC"."""
     name, arguments = re.fullmatch(r"\d+ +(\w+)\((.*)", line).groups()
-    counts = re.match(COUNTS[name], arguments).group(1) if name in COUNTS else ""
-    counts = re.sub(r"\|?(O_LARGEFILE|O_CLOEXEC|SOCK_CLOEXEC|SOCK_NONBLOCK)\b|[\",]|NULL|\{sa_handler=", "", counts)
-    return f"{name.replace('openat', 'open')} {counts}".replace("|", " ").strip()
+    given = re.match(GIVEN[name], arguments).group(1) if name in GIVEN else ""
+    given = re.sub(r"\|?(O_LARGEFILE|O_CLOEXEC|SOCK_CLOEXEC|SOCK_NONBLOCK)\b|[\",]|NULL|\{sa_handler=", "", given)
+    return f"{name.replace('openat', 'open')} {given}".replace("|", " ").strip()
 
 
 @pytest.fixture(name="trace")
 def make_trace(tool, tmp_path):
-    """Runs the tool, which must answer as `expected`; returns the system's calls, a line each. What is behind `network`
-    in the command runs there."""
+    """Runs the tool, which must answer as `expected`; returns the system calls, one a line. `network` begins the
+    command."""
 
     def run(*arguments, expected, network=()):
         command = [*network, "strace", "-f", "-qq", "-o", tmp_path / "trace", tool.path, *arguments]
@@ -115,7 +108,7 @@ def test_document_lists_the_runs_that_are_tested():
     assert list(listed()) == RUNS
 
 
-for_the_list = unless(not IS_STATIC or platform.machine() != "x86_64", "for the static executable on x86-64")
+static_on_x86_64 = unless(not IS_STATIC or platform.machine() != "x86_64", "for the static executable on x86-64")
 has_network = pytest.mark.skipif(not own_network.is_possible(), reason=own_network.REASON)
 
 
@@ -127,17 +120,17 @@ def check(lines, *runs):
     assert made == expected
 
 
-@for_the_list
+@static_on_x86_64
 def test_every_call_of_the_usage(trace, tool):
     check(trace(expected=Answer(tool.run().stdout, status=255)), "every run")
 
 
-@for_the_list
+@static_on_x86_64
 def test_every_call_without_a_url(trace):
     check(trace("-web", "|||||||out", expected=Answer(b"-1\n")), "every run", "a description")
 
 
-@for_the_list
+@static_on_x86_64
 @pytest.mark.parametrize("scheme, runs", [("http", []), ("https", ["HTTPS"])])
 def test_every_call_of_a_request(trace, nginx, scheme, runs):
     url = {"http": nginx.http_url, "https": nginx.https_url}[scheme]
@@ -145,7 +138,7 @@ def test_every_call_of_a_request(trace, nginx, scheme, runs):
     check(lines, *REQUEST, "HTTP", "IPv4", *runs)
 
 
-@for_the_list
+@static_on_x86_64
 @pytest.mark.parametrize("path, run", [("source", "a file by file://"), ("", "a folder by file://")])
 def test_every_call_for_a_file(trace, tmp_path, path, run):
     (tmp_path / "folder").mkdir()
@@ -155,7 +148,7 @@ def test_every_call_for_a_file(trace, tmp_path, path, run):
     check(lines, *REQUEST, "file://", run)
 
 
-@for_the_list
+@static_on_x86_64
 @has_network
 @pytest.mark.parametrize("record, family", [("A 127.0.0.1", "IPv4"), ("AAAA ::1", "IPv6")])
 def test_every_call_for_a_name(trace, tmp_path, record, family):

@@ -1,4 +1,4 @@
-"""What the linker and the compiler were asked to harden, as it stands in the executable."""
+"""How the executable is hardened, and what its objects may hold."""
 
 import json
 import os
@@ -6,16 +6,7 @@ import re
 import subprocess
 
 import pytest
-from conftest import (
-    BUILD,
-    EXECUTABLE,
-    IS_STATIC,
-    OBJECTS,
-    REPOSITORY,
-    TRANSLATOR,
-    impossible_on_macos,
-    only_static,
-)
+from conftest import BUILD, EXECUTABLE, IS_STATIC, OBJECTS, REPOSITORY, TRANSLATOR, impossible_on_macos, only_static
 
 pytestmark = impossible_on_macos("no ELF files")
 

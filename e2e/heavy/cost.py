@@ -31,12 +31,12 @@ def faults_and_waits(description):
     return usage.ru_minflt, usage.ru_nvcsw
 
 
-OF_LOADER = 1_200  # page faults; 515 on Debian 12
+OF_LOADER = 1_200  # page faults; 515 on Debian 12, 571 on 13
 
 
 def test_small_request():
     description = "1 pieces of 4||||||/dev/null"
-    assert instructions(description) < 30_000  # 15,470 on Debian 12
+    assert instructions(description) < 30_000  # 15,470 on Debian 12, 15,214 on 13
     assert faults_and_waits(description)[0] < OF_LOADER
 
 

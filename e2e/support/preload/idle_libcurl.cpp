@@ -1,5 +1,5 @@
-// Preloaded into the tool in libcurl's place: answers with 200 and a body of as many pieces of as many bytes as the URL
-// says ("10 pieces of 4096"), and does next to nothing. What is left is the tool's own cost. See e2e/heavy/cost.py.
+// Preloaded into the tool by e2e/heavy/cost.py, in libcurl's place: what a run costs is then the tool's own cost. Each
+// request is answered with 200; the URL "10 pieces of 4096" gets a body of 10 times 4096 bytes, others none.
 #include <curl/curl.h>
 
 #include <array>
