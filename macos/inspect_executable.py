@@ -102,12 +102,9 @@ def find_signature_problems(command, content):
         return
     limit = command.data_offset
     signature = content[limit:]
-    parts, _, start = struct.unpack(">III", signature[8:20])  # of which the code directory is the first
-    directory = signature[start:]
-    flags, hashes, _, others, page_count, signed, size, kind, _, page_bits = struct.unpack(
-        ">IIIIIIBBBB", directory[12:40]
-    )
-    if not flags & AD_HOC or parts != 1 or others or kind != SHA256 or signed != limit:
+    directory = signature[struct.unpack_from(">I", signature, 16)[0] :]
+    flags, hashes, _, _, page_count, signed, size, kind, _, page_bits = struct.unpack_from(">6I4B", directory, 12)
+    if not flags & AD_HOC or kind != SHA256 or signed != limit:
         yield "the signature isn't an ad hoc one with SHA-256 over the whole slice"
         return
     pages = [content[start:limit][: 1 << page_bits] for start in range(0, limit, 1 << page_bits)]
