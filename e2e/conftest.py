@@ -30,15 +30,20 @@ VERSION, DATE = re.search(
 ).groups()
 BUILD_DATE = datetime.datetime.strptime(DATE, "%B %d, %Y")
 
-# The build's folder and the executable in it, which says itself what it is; WEBREQ may be a script that has valgrind or
-# an emulator run that.
+# The build's folder and the executable in it. WEBREQ may be a script: valgrind or an emulator runs the executable then.
 BUILD = pathlib.Path(WEBREQ).parent
 EXECUTABLE = BUILD / "webreq"
 
 IS_SANITIZED = b"__asan_init" in EXECUTABLE.read_bytes()  # such tools need seconds to start when many start at once
 IS_STATIC = b"libcurl/" in EXECUTABLE.read_bytes()  # libcurl is in it, and nothing can be preloaded
 
-only_static = pytest.mark.skipif(not IS_STATIC, reason="for the static executable")
+
+def unless(condition, reason):
+    """Skips a test that this build has no use for, in CI as well; for any other reason to skip, CI fails."""
+    return pytest.mark.skipif(condition, reason=f"not for this build: {reason}")
+
+
+only_static = unless(not IS_STATIC, "for the static executable")
 
 MEMORY = os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES")  # bytes
 
@@ -50,11 +55,11 @@ TRANSLATOR = os.environ.get("TRANSLATOR")
 
 
 def impossible_under_translator(reason):
-    return pytest.mark.skipif(TRANSLATOR is not None, reason=f"{TRANSLATOR}: {reason}")
+    return unless(TRANSLATOR is not None, f"{TRANSLATOR}: {reason}")
 
 
 def impossible_on_macos(reason):
-    return pytest.mark.skipif(sys.platform == "darwin", reason=f"macOS: {reason}")
+    return unless(sys.platform == "darwin", f"macOS: {reason}")
 
 
 def preloading(name):
@@ -80,7 +85,7 @@ def kill_session(leader):
 
 
 class Tool:
-    """Runs the tool. A run that doesn't end within `timeout` seconds fails the test, and ends then."""
+    """Runs the tool. A run that lasts `timeout` seconds is ended and fails the test."""
 
     path = WEBREQ
 
@@ -98,7 +103,7 @@ class Tool:
 
     @contextlib.contextmanager
     def start(self, command, timeout=60, **options):
-        """Starts a command that runs the tool. What it has started ends with it, however the test ends."""
+        """Starts a command that runs the tool. Its whole session ends here, however the test ends."""
         options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "env": ENVIRONMENT, **options}
         expired = threading.Event()
         with subprocess.Popen(command, start_new_session=True, **options) as process:

@@ -4,7 +4,7 @@ import pytest
 from conftest import BUILD_DATE, ENVIRONMENT, VERSION, Answer
 from scripted_server import reply
 
-# Made of digits of its own.
+# CMakeLists.txt's digits; the tool's source has its own.
 BANNER = f"webreq v{VERSION} ({BUILD_DATE:%Y%m%d}) / reqkit 4.1.6\n\n".encode()
 USAGE = b"""
 -web URL|PARAM|CMD|HEADER|AGENT|TIMEOUT|OUTFILE \t executes a web request with the given parameters
@@ -46,20 +46,10 @@ def test_anything_that_contains_the_marker_is_one(tool, serve, marker):
     assert server.requests == [server.get()]
 
 
-def test_arguments_before_the_marker_are_ignored(tool, serve):
+def test_arguments_before_the_marker_and_after_the_description_are_ignored(tool, serve):
     server = serve(reply(200, b"body"))
-    assert tool.run("-WEB", "", "http://127.0.0.1:1/", "-web", server.url) == Answer(b"200\nbody\n")
-
-
-def test_200_arguments(tool, serve):
-    server = serve(reply(200, b"body"))
-    assert tool.run(*["x"] * 99, "-web", server.url, *["-web", "|"] * 50) == Answer(b"200\nbody\n")
-    assert server.requests == [server.get()]
-
-
-def test_second_marker_and_its_description_are_ignored(tool, serve):
-    server = serve(reply(200, b"first"), reply(200, b"second"))
-    assert tool.run("-web", server.url + "/1", "-web", server.url + "/2") == Answer(b"200\nfirst\n")
+    before, after = ["-WEB", "", "http://127.0.0.1:1/"] * 33, ["-web", server.url + "/2"] * 50
+    assert tool.run(*before, "-web", server.url + "/1", *after) == Answer(b"200\nbody\n")
     assert server.requests == [server.get(b"/1")]
 
 
@@ -69,16 +59,11 @@ def test_marker_behind_the_marker_is_the_description(tool, serve):
     assert proxy.requests[0].startswith(b"GET http://-web/ HTTP/1.1\r\n")
 
 
-@pytest.mark.parametrize("description", ["", " | |x", "\t", "|", "|q=1|p|||2000|out.txt", " \t|||||5000|out.txt"])
+@pytest.mark.parametrize("description", ["", " | |x", "\t", "|", "|q=1|p|||2000|out.txt", " \t||||||new.txt"])
 def test_without_a_url_no_request_and_no_file(tool, tmp_path, description):
     (tmp_path / "out.txt").write_bytes(b"untouched")
     assert tool.request(description) == Answer(b"-1\n")
-    assert (tmp_path / "out.txt").read_bytes() == b"untouched"
-
-
-def test_without_a_url_no_file_is_created(tool, tmp_path):
-    assert tool.request("|||||2000|out.txt") == Answer(b"-1\n")
-    assert list(tmp_path.iterdir()) == []
+    assert {path.name: path.read_bytes() for path in tmp_path.iterdir()} == {"out.txt": b"untouched"}
 
 
 @pytest.mark.parametrize(
@@ -86,18 +71,14 @@ def test_without_a_url_no_file_is_created(tool, tmp_path):
     [
         ("", "/p"),
         ("|a=1", "/p?a=1"),
-        ("|a=1|", "/p?a=1"),
         ("|a=1|g", "/p?a=1"),
-        ("|a=1|Get", "/p?a=1"),
         ("|a=1|x", "/p?a=1"),
         ("|a=1|post", "/p?p"),
         ("|a=1|POST", "/p?p"),
-        ("|a=1|p", "/p?p"),
-        ("|a=1|put", "/p?p"),
-        ("|a=1|Patch", "/p?p"),
         ("|a=1| p ", "/p?p"),
         ("||POST", "/p?p"),
         ("%7C|a=%7C", "/p%7C?a=%7C"),
+        ("?a=1|b=2", "/p?a=1?b=2"),
         ("|-", "/p"),
         ("|--", "/p?--"),
         ("| - ", "/p"),
@@ -111,29 +92,7 @@ def test_parameters_and_method_make_the_request_line(tool, serve, fields, target
     assert server.requests == [server.get(target.encode())]
 
 
-def test_url_with_a_query_gets_a_second_question_mark(tool, serve):
-    server = serve(reply(200))
-    assert tool.request(server.url + "/p?a=1|b=2") == Answer(b"200\n")
-    assert server.requests == [server.get(b"/p?a=1?b=2")]
-
-
-def test_blanks_around_fields_are_no_part_of_them(tool, serve):
-    server = serve(reply(200, b"body"))
-    assert tool.request(f" {server.url}/p\t| a=1 |\t| X-A: b |\tMe | 5000 | \t") == Answer(b"200\nbody\n")
-    assert server.requests == [server.get(b"/p?a=1", b"User-Agent: Me\r\nAccept: */*\r\nX-A: b\r\n")]
-
-
 def test_agent_is_sent_as_it_stands(tool, serve):
     server = serve(reply(200))
     assert tool.request(server.url + "/||||Mozilla/5.0 (X;\\s\u00e9)") == Answer(b"200\n")
     assert server.requests == [server.get(lines=b"User-Agent: Mozilla/5.0 (X;\\s\xc3\xa9)\r\nAccept: */*\r\n")]
-
-
-def test_bytes_that_are_no_utf8_are_sent_as_they_are(tool, serve):
-    server = serve(reply(200))
-    assert tool.request(server.url.encode() + b"/|\xff\xfe=\x80|||\xc3(") == Answer(b"200\n")
-    assert server.requests == [server.get(b"/?\xff\xfe=\x80", b"User-Agent: \xc3(\r\nAccept: */*\r\n")]
-
-
-def test_description_of_bars_only_has_no_url(tool):
-    assert tool.request("|" * 120_000) == Answer(b"-1\n")

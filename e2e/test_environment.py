@@ -6,7 +6,7 @@ import ssl
 
 import libcurl
 import pytest
-from conftest import ANSWERED, ENVIRONMENT, IS_STATIC, REPOSITORY, Answer
+from conftest import ANSWERED, ENVIRONMENT, IS_STATIC, REPOSITORY, Answer, unless
 from scripted_server import READ_REQUEST, RESPONSE, pause, reply
 
 PROXIES = {
@@ -26,7 +26,8 @@ def test_each_variable_of_the_manual_page_has_a_test():
 def test_proxy_for_http(tool, serve, name):
     proxy = serve(RESPONSE)
     assert tool.request("http://192.0.2.7/", env={**ENVIRONMENT, name: proxy.url}) == ANSWERED
-    assert proxy.requests[0].startswith(b"GET http://192.0.2.7/ ")
+    head = b"GET http://192.0.2.7/ HTTP/1.1\r\nHost: 192.0.2.7\r\n"
+    assert proxy.requests == [head + b"Accept: */*\r\nProxy-Connection: Keep-Alive\r\n\r\n"]
 
 
 @pytest.mark.parametrize("name", PROXIES["https"])
@@ -44,7 +45,7 @@ def test_no_proxy(tool, serve, name):
 
 
 def test_variables_that_nothing_reads(tool, tmp_path, serve):
-    """libcurl leaves out HTTP_PROXY, into which a web server may have put a request's header line."""
+    """libcurl does not read HTTP_PROXY: for a CGI program, that is the header line "Proxy" of a request."""
     server = serve([READ_REQUEST, pause(1.5), RESPONSE])
     fields = {"URL": "x:", "PARAM": "x", "CMD": "p", "HEADER": "X-A: 1", "AGENT": "x", "TIMEOUT": "999", "OUTFILE": "x"}
     variables = {f"WEBREQ_{name}": value for name, value in fields.items()}
@@ -64,7 +65,7 @@ def test_file_that_nothing_reads(tool, tmp_path, serve, name):
 
 
 def test_locale_that_knows_all_letters(tool, serve):
-    """The tool stays in the locale "C", in which no such name becomes an ASCII one."""
+    """The tool stays in the locale "C": no such name becomes an ASCII one there."""
     proxy = serve(RESPONSE)
     environment = {**ENVIRONMENT, "LC_ALL": "C.UTF-8", "http_proxy": proxy.url}
     answer = tool.request("http://b\u00fccher.invalid/", env=environment)
@@ -99,7 +100,7 @@ Ciphersuites =
 """
 
 
-@pytest.mark.skipif(not IS_STATIC and libcurl.openssl_version() < (3, 0, 0), reason="another TLS library")
+@unless(not IS_STATIC and libcurl.openssl_version() < (3, 0, 0), "another TLS library")
 def test_configuration_of_openssl_is_the_systems_own_matter(tool, nginx, tmp_path):
     (tmp_path / "openssl.cnf").write_text(OPENSSL_CONF)
     answer = tool.request(

@@ -30,6 +30,8 @@ CALLERS = {
     "swiftc": compile_swift,
 }
 
+OPTIONAL = ["node", "swiftc"]
+
 
 def has(program):
     return "FETCH_EXAMPLE" in os.environ if program == "c++" else shutil.which(program)
@@ -38,7 +40,8 @@ def has(program):
 @pytest.fixture(scope="session", params=CALLERS)
 def command(request, tmp_path_factory):
     if not has(request.param):
-        pytest.skip(f"there is no {request.param} here")
+        build = "not for this build: " if request.param in OPTIONAL else ""
+        pytest.skip(f"{build}there is no {request.param} here")
     return CALLERS[request.param](tmp_path_factory.mktemp("caller"))
 
 
@@ -48,7 +51,7 @@ def run(tool, tmp_path):
     (tmp_path / "bin").mkdir()
     (tmp_path / "bin/webreq").symlink_to(tool.path)
     environment = {**ENVIRONMENT, "PATH": f"{tmp_path}/bin:{os.environ['PATH']}"}
-    return lambda *command, variables=None: tool.run_command(command, env={**environment, **(variables or {})})
+    return lambda *command, **variables: tool.run_command(command, env={**environment, **variables})
 
 
 @pytest.mark.parametrize("body", BODIES, ids=lambda body: repr(body[:10]))
@@ -66,7 +69,8 @@ def test_failed_transfer_is_a_failure(run, command):
 
 
 def test_no_argument_is_a_usage_error(run, command):
-    assert run(*command) == Answer(b"", b"usage: fetch URL\n", 2)
+    answer = run(*command)
+    assert answer == Answer(b"", answer.stderr, 2) and answer.stderr.startswith(b"usage: fetch URL")
 
 
 def test_a_bar_in_the_url_begins_no_field(run, serve, command, tmp_path):
@@ -96,6 +100,40 @@ def test_tool_inherits_the_standard_descriptors_only(run, command, tmp_path):
     assert (tmp_path / "bin/webreq.descriptors").read_text().split() == ["0", "1", "2", "3"]  # 3 is the folder listed
 
 
+with_deadline = pytest.mark.parametrize("command", ["sh", "python3"], indirect=True)
+
+
+@with_deadline
+def test_header_lines_are_sent(run, serve, command):
+    server = serve(reply(200, b"body"))
+    assert run(*command, server.url, "60", "X-A: 1", "X-B:  2 ") == Answer(b"body")
+    assert server.requests == [server.get(lines=b"Accept: */*\r\nX-A: 1\r\nX-B:  2\r\n")]
+
+
+@pytest.mark.parametrize(
+    "command, seconds, time_out",
+    [("sh", [], "15000"), ("sh", ["60"], "30000"), ("python3", [], "15000"), ("python3", ["59.1"], "30000")],
+    indirect=["command"],
+)
+def test_time_out_is_no_shorter_than_the_deadline(run, command, tmp_path, seconds, time_out):
+    replace_tool(tmp_path, 'echo "$2" | cut -d "|" -f 6 >"$0.time-out"; echo 204')
+    assert run(*command, "http://127.0.0.1/", *seconds) == Answer(b"")
+    assert (tmp_path / "bin/webreq.time-out").read_text() == f"{time_out}\n"
+
+
+@with_deadline
+@pytest.mark.parametrize("character", "|\n\r")
+def test_header_line_that_would_be_more_is_refused(run, command, character):
+    answer = run(*command, "file:///dev/null", "4", "X-A: 1", f"X-B: 2{character}X-C: 3")
+    assert answer == Answer(b"", b"fetch: a header line can't hold a bar or a line break\n", 1)
+
+
+@with_deadline
+def test_tool_ends_at_the_deadline(run, command, tmp_path):
+    replace_tool(tmp_path, "exec sleep 600")
+    assert run(*command, "http://127.0.0.1/", "1") == Answer(b"", b"fetch: no answer within 1 s\n", 1)
+
+
 @pytest.mark.parametrize("part", ["", "200\\n", "200\\nhalf"])
 def test_tool_that_is_killed_is_a_failure(run, command, tmp_path, part):
     replace_tool(tmp_path, f"printf '{part}'; kill -KILL $$")
@@ -105,7 +143,7 @@ def test_tool_that_is_killed_is_a_failure(run, command, tmp_path, part):
 
 def test_fan_out(run, nginx):
     answer = run(EXAMPLES / "fan-out.sh", nginx.http_url + "/page.html", "100", "4")
-    assert re.fullmatch(rb" *100 200\n[1-9]\d* requests a second\n", answer.stdout), answer
+    assert re.fullmatch(rb" *100 200\n100 requests in \d+ s\n", answer.stdout), answer
     assert (answer.stderr, answer.status) == (b"", 0)
 
 
@@ -120,30 +158,9 @@ def test_fan_out_without_a_url_is_a_usage_error(run):
     assert run(EXAMPLES / "fan-out.sh") == Answer(b"", b"usage: fan-out.sh URL [REQUESTS [PROCESSES]]\n", 2)
 
 
-@pytest.fixture
-def comma_locale(tmp_path):
-    """Environment variables that make the decimal point a comma."""
-    (tmp_path / "definition").write_text(
-        'LC_NUMERIC\ndecimal_point ","\nthousands_sep ""\ngrouping -1\nEND LC_NUMERIC\n'
-    )
-    # Debian 13 has none without package locales.
-    codes = "".join(f"<U{code:04X}> \\x{code:02x}\n" for code in range(128))
-    (tmp_path / "ascii").write_text(f"CHARMAP\n{codes}END CHARMAP\n")
-    command = ["localedef", "--force", "-f", tmp_path / "ascii", "-i", tmp_path / "definition", tmp_path / "comma"]
-    if not shutil.which("localedef") or subprocess.run(command, capture_output=True, check=False).returncode > 1:
-        pytest.skip("no locale can be made here")
-    # With LOCPATH the C library loses some bytes, which the sanitizer of leaks would report.
-    return {"LOCPATH": str(tmp_path), "LC_NUMERIC": "comma", "ASAN_OPTIONS": "detect_leaks=0"}
-
-
-def test_fan_out_counts_in_any_locale(run, serve, comma_locale):
-    answer = run(EXAMPLES / "fan-out.sh", serve(reply(200)).url, "1", variables=comma_locale)
-    assert re.fullmatch(rb" *1 200\n[1-9]\d* requests a second\n", answer.stdout), answer
-
-
 def test_fan_out_reports_a_missing_tool(run, tmp_path):
-    for program in "awk bash mktemp rm seq sh sort uniq xargs".split():  # the PATH may have another webreq
+    for program in "bash mktemp rm seq sh sort uniq xargs".split():  # the PATH may have another webreq
         (tmp_path / "bin" / program).symlink_to(shutil.which(program))
     (tmp_path / "bin/webreq").unlink()
-    answer = run(EXAMPLES / "fan-out.sh", "http://127.0.0.1/", "1", "1", variables={"PATH": f"{tmp_path}/bin"})
+    answer = run(EXAMPLES / "fan-out.sh", "http://127.0.0.1/", "1", "1", PATH=f"{tmp_path}/bin")
     assert b"webreq" in answer.stderr and answer.status != 0

@@ -10,7 +10,7 @@ import pytest
 from conftest import ENVIRONMENT, IS_SANITIZED, TRANSLATOR, Answer, impossible_on_macos
 from scripted_server import ECHO, READ_REQUEST, reply
 
-# All but the bar and NUL, which no argument can hold; a sample for tools that start slowly.
+# The bar separates fields, and no argument can hold a NUL. A sample for tools that start slowly.
 BYTES = [bytes([byte]) for byte in range(1, 256, 7 if IS_SANITIZED or TRANSLATOR else 1) if byte != ord("|")]
 ACCEPT = b"Accept: */*\r\n"
 PROXY = b"Proxy-Connection: Keep-Alive\r\n\r\n"
@@ -43,11 +43,11 @@ def delivered(request):
 
 
 def test_url_first(server, check_each):
-    """A proxy is asked for any host."""
+    """The server is the proxy, which is asked for any host."""
 
     def expect(byte):
         if byte in b"%@":
-            return mock.ANY  # libcurl decodes what follows the one, in some versions, and drops what precedes the other
+            return mock.ANY  # some versions decode what follows a "%"; all drop what precedes an "@"
         first = trim(byte)
         if first and first in libcurl.answer("refused first bytes"):
             return Answer(b"3\n")

@@ -138,7 +138,7 @@ def make_request_alone(trace):
     """Performs a request; returns the tool's calls between those of every request. Everything else a request asks for is
     libcurl's, in whose place there is a library that asks for nothing."""
     if IS_STATIC:
-        pytest.skip("preloads a library")
+        pytest.skip("not for this build: preloads a library")
     options = [f"--env={name}={value}" for name, value in preloading("no_libcurl").items()]
 
     def run(description, expected):
@@ -194,8 +194,10 @@ def test_document_lists_the_runs_that_are_tested():
     assert list(listed()) == RUNS
 
 
-for_x86_64 = pytest.mark.skipif(platform.machine() != "x86_64", reason="for the static executable on x86-64")
-has_network = pytest.mark.skipif(not own_network.is_possible(), reason="no network namespace can be made here")
+for_x86_64 = pytest.mark.skipif(
+    platform.machine() != "x86_64", reason="not for this build: for the static executable on x86-64"
+)
+has_network = pytest.mark.skipif(not own_network.is_possible(), reason=own_network.REASON)
 
 
 def check(lines, *runs):

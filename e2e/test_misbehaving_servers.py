@@ -10,7 +10,7 @@ import h2.errors
 import h2.events
 import libcurl
 import pytest
-from conftest import Answer
+from conftest import Answer, unless
 from scripted_server import AWAIT_CLOSE, READ_REQUEST, RESET, OK, reply, trickle
 
 SECOND = "|||||999|"  # a time-out of one second
@@ -171,7 +171,7 @@ def await_event(protocol, connection, kind):
                 return event
 
 
-@pytest.mark.skipif(libcurl.version() < (7, 62, 0), reason="this libcurl asks for HTTP/1.1")
+@unless(libcurl.version() < (7, 62, 0), "its libcurl asks for HTTP/1.1")
 @pytest.mark.parametrize("version", [ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3])
 @pytest.mark.parametrize(
     "ending, then, printed",

@@ -135,7 +135,7 @@ def test_file_that_the_url_names(tool, tmp_path):
     assert (tmp_path / "file").read_bytes() == BODY
 
 
-@pytest.mark.skipif(not own_network.is_possible(), reason="no disk can be mounted here")
+@pytest.mark.skipif(not own_network.is_possible(), reason=own_network.REASON)
 def test_full_disk(tool, tmp_path):
     """64 KiB are on it, a longer body comes."""
     body = bytes(range(256)) * 1000

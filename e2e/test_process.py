@@ -8,7 +8,7 @@ import signal
 import threading
 
 import pytest
-from conftest import IS_SANITIZED, Answer, impossible_on_macos, impossible_under_translator
+from conftest import IS_SANITIZED, Answer, impossible_on_macos, impossible_under_translator, unless
 from scripted_server import AWAIT_CLOSE, OK, READ_REQUEST, RESPONSE
 
 
@@ -17,7 +17,7 @@ def limit_address_space(mebibytes):
     return lambda: resource.setrlimit(resource.RLIMIT_AS, (limit, limit))
 
 
-has_room = pytest.mark.skipif(IS_SANITIZED, reason="the sanitizers need terabytes of address space")
+has_room = unless(IS_SANITIZED, "the sanitizers need terabytes of address space")
 has_limit = impossible_on_macos("no limit to the address space")
 
 
@@ -48,7 +48,7 @@ def test_body_that_outgrows_the_address_space(tool, tmp_path):
     assert is_exact and size > 1 << 20
 
 
-@pytest.mark.skipif(IS_SANITIZED, reason="the sanitizers need memory")
+@unless(IS_SANITIZED, "the sanitizers need memory")
 @impossible_on_macos("no /proc")
 @impossible_under_translator("it takes memory itself")
 def test_small_body_takes_little_memory(tool, tmp_path, serve):

@@ -6,8 +6,8 @@ import struct
 import libcurl
 import own_network
 import pytest
-from conftest import ANSWERED, ENVIRONMENT, Answer
-from scripted_server import READ_REQUEST, RESPONSE, ScriptedServer, reply
+from conftest import ANSWERED, ENVIRONMENT, Answer, unless
+from scripted_server import READ_REQUEST, RESPONSE, ScriptedServer
 
 PLAIN = b"GET / HTTP/1.1\r\nHost: 192.0.2.7\r\nAccept: */*\r\n\r\n"
 PORT = struct.pack(">H", 80)
@@ -57,14 +57,6 @@ def request_through(tool):
     return lambda url, **proxies: tool.request(url, env={**ENVIRONMENT, **proxies})
 
 
-def test_http(request_through, serve):
-    proxy = serve(RESPONSE)
-    assert request_through("http://192.0.2.7/", http_proxy=proxy.url) == ANSWERED
-    assert proxy.requests == [
-        b"GET http://192.0.2.7/ HTTP/1.1\r\nHost: 192.0.2.7\r\nAccept: */*\r\nProxy-Connection: Keep-Alive\r\n\r\n"
-    ]
-
-
 def test_http_with_a_password(request_through, serve):
     proxy = serve(RESPONSE)
     url = proxy.url.replace("//", "//user:secret@")
@@ -87,11 +79,6 @@ def test_tunnel(request_through, serve, make_certificate):
     assert proxy.requests[0].startswith(b"CONNECT 192.0.2.7:443 HTTP/1.1\r\nHost: 192.0.2.7:443\r\n")
 
 
-def test_tunnel_that_is_refused(request_through, serve):
-    proxy = serve(reply(403))
-    assert request_through("https://192.0.2.7/", https_proxy=proxy.url) == Answer(libcurl.answer("refused tunnel"))
-
-
 @pytest.mark.parametrize("scheme, host, handshake", SOCKS, ids=[scheme for scheme, _, _ in SOCKS])
 def test_socks(request_through, serve, scheme, host, handshake):
     proxy = serve([*handshake, READ_REQUEST, RESPONSE])
@@ -99,7 +86,7 @@ def test_socks(request_through, serve, scheme, host, handshake):
     assert proxy.requests == [PLAIN.replace(b"192.0.2.7", host.encode())]
 
 
-@pytest.mark.skipif(not own_network.is_possible(), reason="no folder /etc can be put in the place of the system's")
+@pytest.mark.skipif(not own_network.is_possible(), reason=own_network.REASON)
 @pytest.mark.parametrize(
     "listed, result",
     [
@@ -110,7 +97,7 @@ def test_socks(request_through, serve, scheme, host, handshake):
     ids=["trusted", "not trusted", "no list"],
 )
 def test_https_proxy(tool, tmp_path, make_certificate, listed, result):
-    """Verification is off for servers, not for proxies: by the system's list of authorities, where Debian has it."""
+    """Verification is off for servers, not for proxies. The list of authorities is the system's, at Debian's path."""
     certificate = make_certificate("localhost")
     (tmp_path / "ssl/certs").mkdir(parents=True)
     if listed:
@@ -127,7 +114,7 @@ def test_https_proxy(tool, tmp_path, make_certificate, listed, result):
     assert bool(b"".join(proxy.requests)) == result.startswith(b"200")
 
 
-@pytest.mark.skipif(libcurl.answer("proxy at a Unix socket") is None, reason="this libcurl knows no such proxies")
+@unless(libcurl.answer("proxy at a Unix socket") is None, "its libcurl knows no such proxies")
 def test_socks_at_a_unix_socket(request_through, tmp_path):
     """libcurl takes a path behind "localhost" for one."""
     with socket.socket(socket.AF_UNIX) as listener:

@@ -4,7 +4,6 @@ import os
 import pathlib
 import re
 import resource
-import signal
 import sys
 
 import libcurl
@@ -18,9 +17,10 @@ from conftest import (
     VERSION,
     Answer,
     impossible_under_translator,
+    unless,
 )
 from nginx import HTTP_PORT, HTTPS_PORT
-from scripted_server import READ_REQUEST, reply
+from scripted_server import reply
 
 
 def read(path):
@@ -86,7 +86,7 @@ def test_shell_caller(shell, serve, body):
 
 
 def replace_tool(folder, output):
-    """By one that is killed behind this output."""
+    """By a script that is killed after this output."""
     (folder / "bin/webreq").unlink()
     (folder / "bin/webreq").write_text(f"#!/bin/sh\nprintf '{output}'; kill -KILL $$\n")
     (folder / "bin/webreq").chmod(0o755)
@@ -97,12 +97,6 @@ def test_shell_caller_of_a_tool_that_is_killed(shell, tmp_path, part):
     replace_tool(tmp_path, part)
     answer = shell(SEPARATE + 'printf \'%s|%s|\' "$result" "$body" 2>&1', url="x:")
     assert answer.stdout == b".||"
-
-
-def test_server_that_is_down_empties_the_output_file(tool, tmp_path, refusing):
-    (tmp_path / "page").write_text("former")
-    assert tool.request(f"{refusing}||||||page") == Answer(b"7\n")
-    assert (tmp_path / "page").read_text() == ""
 
 
 def test_shell_caller_that_keeps_the_old_file(shell, tmp_path, serve, refusing):
@@ -138,9 +132,7 @@ def test_headers_as_the_usage_text_has_them_are_one(tool, serve):
     assert server.requests[0].endswith(b"Accept: */*\r\n" + header + b"\r\n\r\n")
 
 
-@pytest.mark.skipif(
-    sys.platform != "linux" or os.sysconf("SC_PAGE_SIZE") != 4096, reason="Linux allows an argument 32 pages"
-)
+@unless(sys.platform != "linux" or os.sysconf("SC_PAGE_SIZE") != 4096, "Linux allows an argument 32 pages")
 @each_document
 def test_longest_description(tool, shell, tmp_path, text):
     longest = "|" * int(re.search(r"On Linux a\s+description may have ([\d,]+) bytes", text)[1].replace(",", ""))
@@ -152,11 +144,14 @@ def test_longest_description(tool, shell, tmp_path, text):
     assert (answer.stdout, answer.status) == (b"", 126)
 
 
+of_the_loader = unless(sys.platform != "linux" or IS_SANITIZED, "about Linux's loader; sanitizers take descriptors")
+
+
 def limit_descriptors(count):
     return lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (count, count))
 
 
-@pytest.mark.skipif(sys.platform != "linux" or IS_SANITIZED, reason="about Linux's loader; sanitizers take descriptors")
+@of_the_loader
 @impossible_under_translator("it would lack descriptors")
 def test_too_few_descriptors(tool, serve):
     """The loader or libcurl lacks some; each run has one more than the run before."""
@@ -168,22 +163,13 @@ def test_too_few_descriptors(tool, serve):
     assert set(answers) == {*first, Answer(b"200\n"), *map(Answer, libcurl.answer("too few descriptors"))}
 
 
-@pytest.mark.skipif(sys.platform != "linux" or IS_SANITIZED, reason="about Linux's loader; sanitizers take descriptors")
+@of_the_loader
 @impossible_under_translator("it would lack descriptors")
 def test_too_few_descriptors_for_a_file(tool, tmp_path):
     (tmp_path / "page").write_text("body")
     answers = {tool.request(f"file://{tmp_path}/page", preexec_fn=limit_descriptors(3 + i)) for i in range(12)}
     started = {answer for answer in answers if answer.status != 127} - {Answer(b"27\n")}
     assert started == {Answer(b"0\nbody\n")} | ({Answer(b"37\n")} if libcurl.answer("too few descriptors") else set())
-
-
-def test_tool_that_is_killed(shell, tmp_path, serve):
-    def kill(_):
-        os.kill(int((tmp_path / "pid").read_text()), signal.SIGKILL)
-
-    server = serve([READ_REQUEST, kill])
-    answer = shell("sh -c 'echo $$ >pid; exec webreq -web \"$url|||||60000\"'; exit $?", url=server.url)
-    assert (answer.stdout, answer.status) == (b"", 137)
 
 
 def table(text, first_heading):

@@ -31,12 +31,6 @@ def test_relative_location(tool, serve, location, target):
     assert targets(server) == [b"/a/b", target]
 
 
-def test_to_another_port(tool, serve):
-    there = serve(reply(200, b"there"))
-    assert tool.request(serve(moved(302, there.url + "/x")).url) == Answer(b"200\nthere\n")
-    assert targets(there) == [b"/x"]
-
-
 @pytest.mark.parametrize("host, where", [("localhost", "another host"), ("127.0.0.1", "another port")])
 def test_passwords_among_the_header_lines(tool, serve, host, where):
     there = serve(RESPONSE)
@@ -62,11 +56,6 @@ def test_password_of_the_url(tool, serve, host, where):
 def test_to_tls(tool, serve, make_certificate):
     there = serve(reply(200, b"safe"), tls_context=make_certificate("127.0.0.1").server_context)
     assert tool.request(serve(moved(301, there.url + "/x")).url) == Answer(b"200\nsafe\n")
-
-
-def test_nginx_redirects_to_its_tls_server(tool, nginx):
-    page = (nginx.root / "page.html").read_bytes()
-    assert tool.request(nginx.http_url + "/secure") == Answer(b"200\n" + page + b"\n")
 
 
 def test_chain_of_25(tool, serve):

@@ -10,7 +10,7 @@ import pytest
 from conftest import ENVIRONMENT, EXECUTABLE, IS_STATIC, WEBREQ, Answer, Tool, impossible_under_translator, only_static
 
 if not own_network.is_possible():
-    pytest.skip("no network namespace can be made here", allow_module_level=True)
+    pytest.skip(own_network.REASON, allow_module_level=True)
 
 import dns.flags
 import dns.message
@@ -28,7 +28,8 @@ TIMED_OUT = Answer(b"28\n")
 
 # With threads of its own; the other tests hold all the same.
 one_look_up = pytest.mark.skipif(
-    not IS_STATIC and libcurl.version() >= (8, 22, 0), reason="this libcurl looks each family up by itself"
+    not IS_STATIC and libcurl.version() >= (8, 22, 0),
+    reason="not for this build: its libcurl looks each family up by itself",
 )
 
 
@@ -298,7 +299,7 @@ def test_no_name_server_is_there(request_by_name):
 
 
 @one_look_up
-@pytest.mark.skipif(IS_STATIC, reason="the system's resolver takes its time")
+@pytest.mark.skipif(IS_STATIC, reason="not for this build: the system's resolver takes its time")
 @pytest.mark.parametrize("name_server, least", [(silent, 2 * 2), (dropping(is_for("AAAA"), everywhere), 3 * 2)])
 def test_silent_name_server_outlasts_the_time_out(start, name_server, least):
     """Newer versions of libcurl wait for it, 5 s for each answer unless resolv.conf says otherwise; older ones break

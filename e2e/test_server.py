@@ -66,7 +66,7 @@ except KeyError:
 """
 
 
-@pytest.mark.skipif(not own_network.is_possible(), reason="no network namespace can be made here")
+@pytest.mark.skipif(not own_network.is_possible(), reason=own_network.REASON)
 def test_network_ends_with_a_body_that_fails(tool):
     answer = tool.run_command([sys.executable, "-c", FAILING_BODY], cwd=os.path.dirname(own_network.__file__))
     assert b"ProcessLookupError" in answer.stderr

@@ -1,7 +1,7 @@
 """A TIMEOUT of t milliseconds becomes whole seconds: t/1000 for connecting, t/500 for the whole request.
 
-The unit tests pin the numbers that libcurl gets; these cases show that they take effect. A run may last longer than
-its time-out on a busy machine: what has to end in time ends before a run of the same age that takes longer.
+The unit tests pin the numbers that libcurl gets; these cases show that they take effect. On a busy machine a run may
+last longer than its time-out: its upper bound is another run, started before it, that has to end after it.
 """
 
 import contextlib
@@ -13,14 +13,14 @@ import time
 import libcurl
 import own_network
 import pytest
-from conftest import ENVIRONMENT, IS_STATIC, Answer, impossible_on_macos, impossible_under_translator, preloading
+from conftest import ENVIRONMENT, IS_STATIC, Answer, impossible_on_macos, impossible_under_translator, unless
 from scripted_server import AWAIT_CLOSE, READ_REQUEST, OK, pause, reply
 
 HALF_A_BODY = OK + b"Content-Length: 10\r\n\r\nhalf\0"
 
 # TIMEOUT, seconds for connecting, seconds for the whole request.
 ROUNDING = [("2000", 2, 4), ("", 2, 4), ("1500", 1, 3), ("999", None, 1), (" +1999x", 1, 3)]
-NO_TIME_OUT = ["499", "0", "abc", "30s", "-1000", "-1", "x5000"]
+NO_TIME_OUT = ["499", "-1000"]
 
 
 @contextlib.contextmanager
@@ -65,18 +65,7 @@ def test_slow_answer_within_the_time_out(tool, serve):
     assert tool.request(f"{server.url}|||||1000") == Answer(b"200\nhalf\0whole\n")
 
 
-preloads = pytest.mark.skipif(sys.platform != "linux" or IS_STATIC, reason="preloads a library")
-
-
-@preloads
-def test_resolver_that_hangs_for_4_seconds(tool):
-    """The result is a time-out's, but newer versions of libcurl wait until their resolver's thread gives up."""
-    environment = {**ENVIRONMENT, **preloading("hanging_resolver"), "ASAN_OPTIONS": "verify_asan_link_order=0"}
-    is_awaited = libcurl.answer("hanging resolver")
-    awaits = [tool.path, "-web", "http://host.invalid/|||||30000"]
-    with tool.start(awaits, env=environment) as process, timed(4 if is_awaited else 1):
-        assert tool.request("http://host.invalid/|||||999", env=environment) == Answer(b"28\n")
-        assert process.poll() is None or is_awaited
+preloads = unless(sys.platform != "linux" or IS_STATIC, "preloads a library")
 
 
 needs_own_clock = impossible_under_translator("faketime doesn't make the clock faster")
@@ -90,9 +79,9 @@ def hurried(tool, description, speed):
     return ["faketime", "-f", f"+0 x{speed}", tool.path, "-web", description]
 
 
-@preloads
 @needs_faketime
 @needs_own_clock
+@preloads
 def test_30_seconds_for_connecting_and_60_for_the_whole_request(tool, serve):
     server = serve([READ_REQUEST, HALF_A_BODY, AWAIT_CLOSE])
     whole = hurried(tool, f"{server.url}|||||30000", speed=20)
@@ -104,9 +93,9 @@ def test_30_seconds_for_connecting_and_60_for_the_whole_request(tool, serve):
         assert process.communicate() == (b"28\nhalf\0\n", b"")
 
 
-@preloads
 @needs_faketime
 @needs_own_clock
+@preloads
 def test_negative_time_out_on_a_silent_server(tool):
     printed = libcurl.answer("negative time-out")
     with contextlib.ExitStack() as listening:

@@ -3,7 +3,6 @@
 import socket
 import ssl
 
-import libcurl
 import pytest
 from conftest import Answer
 from scripted_server import reply
@@ -58,12 +57,6 @@ def test_certificate_that_is_not_valid_yet(check, make_certificate):
 def test_certificate_for_another_name(check, make_certificate):
     certificate = make_certificate("another.invalid")
     assert check(certificate, trusted=certificate.path) == HOST_NAME_MISMATCH
-
-
-def test_nginx_over_tls(tool, nginx):
-    protocol = libcurl.answer("protocol over TLS")
-    answer = tool.request(nginx.https_url + "/echo|||||20000")
-    assert answer == Answer(b"200\n%s GET /echo\nUser-Agent: \nX-Demo: \n\n" % protocol)
 
 
 @pytest.mark.parametrize("version", [ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3])

@@ -119,7 +119,7 @@ def test_demo_without_a_temporary_folder_leaves_the_checkout(checkout):
     assert (checkout / "scripts/demo").exists()
 
 
-@pytest.mark.skipif(not own_network.is_possible(), reason="no network namespace can be made here")
+@pytest.mark.skipif(not own_network.is_possible(), reason=own_network.REASON)
 def test_serve_answers_where_it_says():
     serve, tool = REPOSITORY / "scripts/serve", REPOSITORY / "build/release/webreq"
     with own_network.start("/etc") as (enter, _):

@@ -49,8 +49,6 @@ http {{
       return 200
         "$server_protocol $request_method $request_uri\\nUser-Agent: $http_user_agent\\nX-Demo: $http_x_demo\\n";
     }}
-    location = /moved {{ return 301 /page.html; }}
-    location = /secure {{ return 302 https://127.0.0.1:{https_port}/page.html; }}
     location = /empty {{ return 204; }}
   }}
 }}

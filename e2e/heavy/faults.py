@@ -183,7 +183,7 @@ SEARCHED = {"host.one.", "host.two.", "host."}  # c-ares goes on without the sea
 
 
 @only_static
-@pytest.mark.skipif(not own_network.is_possible(), reason="no network namespace can be made here")
+@pytest.mark.skipif(not own_network.is_possible(), reason=own_network.REASON)
 @pytest.mark.parametrize(
     "hosts, records, body, asked",
     [

@@ -17,6 +17,9 @@ import sys
 SIOCSIFFLAGS = 0x8914
 IFF_UP = 1
 
+# Why a test is skipped where no network can be made.
+REASON = "not for this build: macOS: no namespaces" if sys.platform == "darwin" else "no namespace can be made here"
+
 IS_ROOT = os.geteuid() == 0
 NEW = ["unshare", *([] if IS_ROOT else ["--map-root-user"]), "--net", "--mount"]
 ENTER = ["nsenter", *([] if IS_ROOT else ["--user", "--preserve-credentials"]), "--net", "--mount", "--target"]
