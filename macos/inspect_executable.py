@@ -75,8 +75,8 @@ def dotted(version):
 
 def find_import_problems(binary, oldest):
     releases = read_releases()
+    # LIEF's symbols are also those that are bound without being in the table of symbols.
     imported = {symbol.name for symbol in binary.symbols if symbol.type == MachO.Symbol.TYPE.UNDEFINED}
-    imported |= {binding.symbol.name for binding in binary.bindings if binding.has_library}  # others are defined here
     for symbol in sorted(imported):
         if symbol not in releases:
             yield f"imports {symbol}, which macos/symbols.txt doesn't list"
@@ -102,12 +102,9 @@ def find_signature_problems(command, content):
         return
     limit = command.data_offset
     signature = content[limit:]
-    parts, _, start = struct.unpack(">III", signature[8:20])  # of which the code directory is the first
-    directory = signature[start:]
-    flags, hashes, _, others, page_count, signed, size, kind, _, page_bits = struct.unpack(
-        ">IIIIIIBBBB", directory[12:40]
-    )
-    if not flags & AD_HOC or parts != 1 or others or kind != SHA256 or signed != limit:
+    directory = signature[struct.unpack_from(">I", signature, 16)[0] :]
+    flags, hashes, _, _, page_count, signed, size, kind, _, page_bits = struct.unpack_from(">6I4B", directory, 12)
+    if not flags & AD_HOC or kind != SHA256 or signed != limit:
         yield "the signature isn't an ad hoc one with SHA-256 over the whole slice"
         return
     pages = [content[start:limit][: 1 << page_bits] for start in range(0, limit, 1 << page_bits)]

@@ -47,10 +47,6 @@ def change_directory(offset, value):
     return break_slice
 
 
-def add_signature_part(part):
-    part.patch(part.binary.code_signature.data_offset + 8, b"\0\0\0\2")
-
-
 def change_signed_byte(part):
     section = part.binary.get_section("__cstring")
     part.patch(section.offset, bytes([section.content[0] ^ 1]))
@@ -96,8 +92,6 @@ BREAKS = {
     "signature that isn't ad hoc": (change_directory(12, bytes(4)), "the signature isn't an ad hoc one"),
     "signature with another hash": (change_directory(37, b"\1"), "the signature isn't an ad hoc one"),
     "signature of less": (change_directory(32, bytes(4)), "the signature isn't an ad hoc one"),
-    "signature with another part": (add_signature_part, "the signature isn't an ad hoc one"),
-    "signature with more than pages": (change_directory(24, b"\0\0\0\1"), "the signature isn't an ad hoc one"),
     "signature of fewer pages": (change_directory(28, b"\0\0\0\1"), "the signature doesn't fit the slice"),
     "byte of a signed page": (change_signed_byte, "the signature doesn't fit the slice"),
 }
