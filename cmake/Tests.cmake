@@ -1,6 +1,6 @@
 # End-to-end tests of the built tool, e2e/test_<name>.py; unit tests, <name>_test.cpp, linked with a recording libcurl.
 set(end_to_end_tests command_line environment examples failures fields footprint hardening headers misbehaving_servers
-  output output_file process proxies readme redirects resolver responses server static system_calls timeouts tls)
+  output output_file process proxies readme redirects resolver responses static system_calls timeouts tls)
 set(unit_tests text/strings net/web_request app/request_description app/response_reservation app/usage app/output
   app/process_setup app/front_end testing/interruptions testing/recording_curl)
 
@@ -50,12 +50,12 @@ endif()
 
 # Preloaded into the tool by tests in e2e/.
 if(CMAKE_SYSTEM_NAME STREQUAL "Linux" AND NOT WEBREQ_STATIC)
-  foreach(name failing_malloc no_libcurl)
+  foreach(name failing_malloc idle_libcurl)
     add_library(${name} MODULE e2e/support/preload/${name}.cpp)
     target_link_libraries(${name} PRIVATE compiler_options ${CMAKE_DL_LIBS})
     set_target_properties(${name} PROPERTIES PREFIX "")
   endforeach()
-  target_link_libraries(no_libcurl PRIVATE CURL::libcurl)  # its headers
+  target_link_libraries(idle_libcurl PRIVATE CURL::libcurl)  # its headers
 endif()
 
 # Nothing can be preloaded into a static executable: the same objects once more, with allocations that fail.

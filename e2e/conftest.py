@@ -33,6 +33,7 @@ BUILD_DATE = datetime.datetime.strptime(DATE, "%B %d, %Y")
 # The build's folder and the executable in it. WEBREQ may be a script: valgrind or an emulator runs the executable then.
 BUILD = pathlib.Path(WEBREQ).parent
 EXECUTABLE = BUILD / "webreq"
+OBJECTS = [BUILD / name for name in ("CMakeFiles/webreq.dir/app/main.cpp.o", "libfront_end.a", "libreqkit.a")]
 
 IS_SANITIZED = b"__asan_init" in EXECUTABLE.read_bytes()  # such tools need seconds to start when many start at once
 IS_STATIC = b"libcurl/" in EXECUTABLE.read_bytes()  # libcurl is in it, and nothing can be preloaded

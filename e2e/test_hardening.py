@@ -1,42 +1,44 @@
-"""What the linker and the compiler were asked to harden, as it stands in the executable."""
+"""How the executable is hardened, and what its objects may hold."""
 
 import json
 import os
+import re
 import subprocess
 
 import pytest
-from conftest import (
-    BUILD,
-    EXECUTABLE,
-    IS_STATIC,
-    REPOSITORY,
-    impossible_on_macos,
-    impossible_under_translator,
-    only_static,
-)
+from conftest import BUILD, EXECUTABLE, IS_STATIC, OBJECTS, REPOSITORY, TRANSLATOR, impossible_on_macos, only_static
 
 pytestmark = impossible_on_macos("no ELF files")
 
 except_static = pytest.mark.skipif(IS_STATIC, reason="not for this build: has zig's libraries")
 
-OWN_LIBRARIES = ["libfront_end.a", "libreqkit.a"]
-
 
 def inspect(*command):
-    return subprocess.run([*command, EXECUTABLE], capture_output=True, check=True, text=True).stdout
+    return subprocess.run(command, capture_output=True, check=True, text=True).stdout
 
 
 @pytest.fixture(name="headers", scope="session")
 def read_headers():
-    return [line.strip() for line in inspect("readelf", "--wide", "--program-headers", "--dynamic").splitlines()]
+    return [line.strip() for line in inspect("readelf", "--wide", "--segments", "--dynamic", EXECUTABLE).splitlines()]
 
 
 @pytest.fixture(name="symbols", scope="session")
 def read_symbols():
     """What the tool's own code calls; the libraries linked into it may call the same."""
-    archives = [BUILD / name for name in OWN_LIBRARIES]
-    command = ["nm", "--demangle", "--undefined-only", *archives]
-    return subprocess.run(command, capture_output=True, check=True, text=True).stdout
+    return inspect("nm", "--demangle", "--undefined-only", *OBJECTS)
+
+
+@pytest.fixture(name="code", scope="session")
+def disassemble():
+    if TRANSLATOR:
+        pytest.skip(f"not for this build: {TRANSLATOR}: objdump is for this machine's code")
+    return inspect("objdump", "--disassemble", *OBJECTS)
+
+
+@pytest.fixture(name="commands", scope="session")
+def read_commands():
+    """What compiled each file, those of the libraries in a static build as well."""
+    return json.loads((BUILD / "compile_commands.json").read_text())
 
 
 def test_position_independent(headers):
@@ -66,12 +68,26 @@ CHECKS = "-D_LIBCPP_HARDENING_MODE=_LIBCPP_HARDENING_MODE_EXTENSIVE" if IS_STATI
 
 
 @pytest.mark.parametrize("option", [CHECKS, "-fPI", "-fstack-clash-protection", "-fstack-protector-strong"])
-def test_every_file_is_compiled_with(option):
-    """Those of the libraries in a static build as well. The commands tell, since no frame of the tool's own is large
-    enough for its machine code to show all of these."""
-    commands = json.loads((BUILD / "compile_commands.json").read_text())
+def test_every_file_is_compiled_with(commands, option):
+    """No frame of the tool's own is large enough for its machine code to show all of these."""
     assert any(entry["file"].endswith("/app/main.cpp") for entry in commands)
     assert [entry["file"] for entry in commands if option not in entry["command"]] == []
+
+
+def test_no_file_is_compiled_for_newer_processors(commands):
+    """Unless a distribution asks for it."""
+    given = os.environ.get("CXXFLAGS", "").split()
+    options = {option for entry in commands for option in entry["command"].split() if option.startswith("-m")}
+    assert options <= {"-mbranch-protection=standard", *given}
+
+
+def test_nothing_runs_before_main():
+    sections = inspect("readelf", "--wide", "--sections", *OBJECTS)
+    assert re.findall(r"\.(?:preinit_array|init_array|fini_array|ctors|dtors)", sections) == []
+
+
+def test_kernel_is_called_by_the_c_library_alone(code):
+    assert re.findall(r"\t(?:syscall|sysenter|int +\$0x80|svc)\b.*", code) == []
 
 
 @except_static
@@ -80,25 +96,21 @@ def test_library_assertions_are_on(symbols):
 
 
 @only_static
-@impossible_under_translator("objdump is for this machine's code")
-def test_library_assertions_trap():
+def test_library_assertions_trap(code):
     """Nothing else has the compiler emit this instruction."""
-    archives = [BUILD / name for name in OWN_LIBRARIES]
-    code = subprocess.run(["objdump", "--disassemble", *archives], capture_output=True, check=True, text=True).stdout
     assert "\tud2" in code
 
 
 @except_static
 def test_buffers_are_checked(symbols):
-    if "clang" in inspect("readelf", "--string-dump", ".comment"):
+    if "clang" in inspect("readelf", "--string-dump", ".comment", EXECUTABLE):
         pytest.skip("not for this build: clang proves the one call safe and leaves it unchecked")
     assert "__snprintf_chk" in symbols
 
 
 def test_indirect_branches_have_landing_pads():
     """On x86-64 (IBT) and on 64-bit Arm (BTI)."""
-    archives = [BUILD / name for name in OWN_LIBRARIES]
-    notes = subprocess.run(["readelf", "--notes", *archives], capture_output=True, check=True, text=True).stdout
+    notes = inspect("readelf", "--notes", *OBJECTS)
     assert notes.count(" IBT,") + notes.count(" BTI,") == notes.count("File: ") > 0
 
 

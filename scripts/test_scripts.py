@@ -79,7 +79,7 @@ def test_with_ci_set_a_check_that_cannot_be_made_is_an_error(checkout, no_regist
 
 def test_unknown_check_names_all(checkout):
     status, said = run(checkout, "scripts/check", "nonsense")
-    assert status == 2 and {"format", "libcurls", "fresh", "large"} <= set(said.split())
+    assert status == 2 and {"format", "libcurls", "fresh"} <= set(said.split())
 
 
 def test_package_that_cannot_be_made_is_named_and_keeps_the_old_one(checkout, no_registry):

@@ -1,8 +1,8 @@
-// Preloaded into the tool: lets allocations fail from main's beginning on. See e2e/heavy/faults.py, which runs it. A
-// static executable is linked with it instead, and with the linker's option --wrap for what is replaced.
+// Preloaded into the tool by e2e/heavy/faults.py: allocations fail, from the beginning of main on. A static executable
+// is linked with it instead, with the linker's option --wrap for each function replaced.
 //
-// FAIL_FIRST and FAIL_LAST name the allocations that fail, counted from 1. The size of the first that does, a size_t,
-// is written to the descriptor FAIL_REPORT.
+// FAIL_FIRST and FAIL_LAST: the first and the last allocation to fail, counted from 1. FAIL_REPORT: the descriptor that
+// gets the size of the first one, a size_t.
 #include <dlfcn.h>
 #include <unistd.h>
 
@@ -11,7 +11,7 @@
 #include <cstddef>
 #include <cstdlib>
 
-// How what is replaced here is called: what replaces it, and the C library's own.
+// The names of a replaced function: the replacement's, and that of the C library's own.
 #ifdef WRAPPED
 #define REPLACED(name) __wrap_##name
 #define OWN(name) __real_##name

@@ -1,16 +1,16 @@
-// Preloaded into the tool in libcurl's place: every request is answered with 200 and a body in two pieces, but a URL
-// that begins with "refused" with a failure. The system is asked for nothing. What is left are the tool's own calls.
-// See e2e/test_footprint.py, which runs it.
+// Preloaded into the tool by e2e/heavy/cost.py, in libcurl's place: what a run costs is then the tool's own cost. Each
+// request is answered with 200; the URL "10 pieces of 4096" gets a body of 10 times 4096 bytes, others none.
 #include <curl/curl.h>
 
+#include <array>
 #include <cstdarg>
-#include <cstring>
+#include <cstdio>
 
 namespace {
 
-const char* url = nullptr;
+std::size_t count = 0;
+std::size_t size = 0;
 curl_write_callback deliver = nullptr;
-curl_xferinfo_callback tellProgress = nullptr;
 void* response = nullptr;
 
 }  // namespace
@@ -29,8 +29,7 @@ void(curl_slist_free_all)(curl_slist*) {}
 CURLcode(curl_easy_setopt)(CURL*, CURLoption option, ...) {
   va_list arguments;
   va_start(arguments, option);
-  if (option == CURLOPT_URL) url = va_arg(arguments, const char*);
-  if (option == CURLOPT_XFERINFOFUNCTION) tellProgress = va_arg(arguments, curl_xferinfo_callback);
+  if (option == CURLOPT_URL) std::sscanf(va_arg(arguments, const char*), "%zu pieces of %zu", &count, &size);
   if (option == CURLOPT_WRITEFUNCTION) deliver = va_arg(arguments, curl_write_callback);
   if (option == CURLOPT_WRITEDATA) response = va_arg(arguments, void*);
   va_end(arguments);
@@ -38,11 +37,11 @@ CURLcode(curl_easy_setopt)(CURL*, CURLoption option, ...) {
 }
 
 CURLcode(curl_easy_perform)(CURL*) {
-  char body[] = "body";
-  if (tellProgress(nullptr, 4, 0, 0, 0) != 0) return CURLE_ABORTED_BY_CALLBACK;
-  if (std::strncmp(url, "refused", 7) == 0) return CURLE_COULDNT_CONNECT;
-  const bool isTaken = deliver(body, 1, 2, response) == 2 && deliver(body + 2, 1, 2, response) == 2;
-  return isTaken ? CURLE_OK : CURLE_WRITE_ERROR;
+  static std::array<char, CURL_MAX_WRITE_SIZE> piece;
+  for (std::size_t i = 0; i < count; ++i) {
+    if (deliver(piece.data(), 1, size, response) != size) return CURLE_WRITE_ERROR;
+  }
+  return CURLE_OK;
 }
 
 CURLcode(curl_easy_getinfo)(CURL*, CURLINFO info, ...) {

@@ -1,17 +1,15 @@
-"""The servers that the other tests talk to: nginx serves any folder, and what goes wrong in one is told."""
+"""The servers that the tests talk to: nginx serves any folder, and what goes wrong in one is told. Run it by
+"scripts/check scripts"."""
 
 import os
 import select
 import shutil
-import socket
 import subprocess
 import sys
 import urllib.request
 
 import nginx
-import own_network
 import pytest
-from conftest import impossible_on_macos
 from scripted_server import READ_REQUEST, RESPONSE, ScriptedServer
 
 direct = urllib.request.build_opener(urllib.request.ProxyHandler({}))
@@ -31,7 +29,6 @@ def test_nginx_finds_nothing_wrong_with_its_configuration():
     assert "[warn]" not in log
 
 
-@impossible_on_macos("a child outlives its parent")
 def test_nginx_ends_with_whoever_started_it():
     start = "import nginx; server = nginx.Nginx(); print(server.process_id, server.folder, flush=True); input()"
     command = [sys.executable, "-c", start]
@@ -48,28 +45,6 @@ def test_server_that_does_not_start_says_why(monkeypatch):
     monkeypatch.setattr(nginx, "CONFIGURATION", nginx.CONFIGURATION + "nonsense;\n")
     with pytest.raises(OSError, match='nginx does not start: .* unknown directive "nonsense"'):
         nginx.Nginx()
-
-
-def test_port_that_is_taken_is_an_error():
-    with socket.create_server(("127.0.0.1", 0)) as taken:
-        with pytest.raises(OSError, match="Address already in use"):
-            nginx.Nginx(http_port=taken.getsockname()[1])
-
-
-FAILING_BODY = """
-import os, own_network
-try:
-    with own_network.start("/etc") as (enter, _):
-        raise KeyError
-except KeyError:
-    os.kill(int(enter[-1]), 0)
-"""
-
-
-@pytest.mark.skipif(not own_network.is_possible(), reason=own_network.REASON)
-def test_network_ends_with_a_body_that_fails(tool):
-    answer = tool.run_command([sys.executable, "-c", FAILING_BODY], cwd=os.path.dirname(own_network.__file__))
-    assert b"ProcessLookupError" in answer.stderr
 
 
 def test_step_that_fails_fails_the_test_and_not_the_next_connection():
