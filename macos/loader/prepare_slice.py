@@ -1,6 +1,7 @@
-"""Turns a slice of the executable into assembler for Linux: its bytes in memory, and what load.cpp reads. Linux's linker
-and loader rebase its pointers and bind its imports to what symbols.txt names: with `eagerly` all of them at launch, as
-dyld does from macOS 12 on; with `lazily` load.cpp binds functions when they are first called, as dyld did before.
+"""Turns a slice of the executable into assembler for Linux: its bytes in memory, and what load.cpp reads. Linux's
+linker and loader rebase its pointers and bind its imports to what symbols.txt names: with `eagerly` all of them at
+launch, as dyld does from macOS 12 on; with `lazily` load.cpp binds functions when they are first called, as dyld did
+before.
 
     build/tools/bin/python macos/loader/prepare_slice.py ARCHITECTURE lazily|eagerly EXECUTABLE LIBUNWIND
 """
@@ -67,8 +68,8 @@ class Image:
             yield f"{self.at(segment.virtual_address)}, {segment.virtual_size:#x}, {protection}"
 
     def bind(self, targets, lazily):
-        """What pointers to other images lead to, by their addresses; with `lazily` the functions' are rows by themselves.
-        What is weak leads to the image's own definition already."""
+        """What pointers to other images lead to, by their addresses, and the rows of kLazyBindings, none without
+        `lazily`. What is weak leads to the image's own definition already."""
         bound, lazy = {}, []
         for binding in self.slice.bindings:
             if not binding.has_library:

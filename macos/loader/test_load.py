@@ -1,5 +1,5 @@
-"""What the loader refuses: one line that names it, and status 126. $PROGRAMS is the folder with what "assemble" has made
-of the slice $SLICE. "macos/test" runs this."""
+"""What the loader refuses: one line that names it, and status 126. $PROGRAMS is the folder that "assemble" has filled
+from the slice $SLICE. "macos/test" runs this."""
 
 import os
 import pathlib

@@ -1,5 +1,5 @@
-// Runs a program for 64-bit Arm through qemu, under the name that this one is called by. Linked statically, so that what
-// tests preload goes to the Arm program alone.
+// Runs a program for 64-bit Arm through qemu, under the name that this one is called by. Linked statically: what tests
+// preload goes to the Arm program alone.
 #define _GNU_SOURCE
 #include <stdio.h>
 #include <stdlib.h>
