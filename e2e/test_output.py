@@ -48,13 +48,13 @@ def through_file(tool, description):
 
 
 def read_until_closed(terminal, received):
-    with contextlib.suppress(OSError):  # Linux's word for its end
+    with contextlib.suppress(OSError):  # how Linux reports its end
         while part := os.read(terminal, 1 << 20):
             received += part
 
 
 def through_terminal(tool, description):
-    """One that changes no line feeds."""
+    """A terminal that leaves line feeds alone."""
     ours, theirs = os.openpty()
     tty.setraw(theirs)
     received = bytearray()
@@ -70,7 +70,7 @@ def through_terminal(tool, description):
 
 
 def through_output_file(tool, description):
-    """As if it were standard output."""
+    """The result line and the file, put together as standard output has them."""
     return tool.request(f"{description}||||||out").stdout + pathlib.Path("out").read_bytes() + b"\n"
 
 

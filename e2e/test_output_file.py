@@ -138,7 +138,7 @@ def test_file_that_the_url_names(tool, tmp_path):
 
 @pytest.mark.skipif(not own_network.is_possible(), reason="no disk can be mounted here")
 def test_full_disk(tool, tmp_path):
-    """64 KiB are on it, a longer body comes."""
+    """It has room for 64 KiB of a longer body."""
     body = bytes(range(256)) * 1000
     (tmp_path / "body").write_bytes(body)
     (tmp_path / "disk").mkdir()

@@ -48,8 +48,7 @@ struct Case {
   std::size_t pieceSize = 1;  // what libcurl delivers of the body at once
   CURLcode outcome = CURLE_OK;
   long status = 200;
-  int error =
-      0;  // errno of what fails: an open, a write, every poll and close; 0: the write returns 0, the two succeed
+  int error = 0;  // errno of an open, of one write, of all polls and closes; 0: that write returns 0, those succeed
   std::size_t bytesBeforeFailure = std::numeric_limits<std::size_t>::max();  // behind them one write fails
   Strings arguments;
   std::string body;
@@ -88,7 +87,7 @@ int __wrap_open(const char* path, int flags, int mode) {
   return failureUnless(opens) == 0 ? kOutputFile : -1;
 }
 
-// Fails in between, as where a signal comes or a pipe is full.
+// Every third one fails, as if a signal had come or a pipe were full.
 ssize_t __wrap_write(int descriptor, const void* bytes, std::size_t size) {
   if (!isRunning) return __real_write(descriptor, bytes, size);
   RecordingCurl::note("write " + std::to_string(descriptor), false);
@@ -131,7 +130,7 @@ Handler __wrap_signal(int signal, Handler handler) {
   return SIG_DFL;
 }
 
-// There is no room for the reservation, of which AddressSanitizer would mark each byte twice.
+// Refuses the reservation: AddressSanitizer would mark each of its bytes twice.
 void* __wrap_mmap(void* address, std::size_t size, int protection, int flags, int descriptor, off_t offset) {
   if (!isRunning) return __real_mmap(address, size, protection, flags, descriptor, offset);
   RecordingCurl::note("mmap " + std::to_string(size) + " " + std::to_string(flags));
@@ -174,7 +173,7 @@ std::string performed(const Case& input) {
   return curl.calls() + end(status, standardOutput, file);
 }
 
-// The model: what a run is to come to. It shares nothing with the tool.
+// The model: what is expected of a run. It shares nothing with the tool.
 
 // The pieces of `text`, without spaces and tabs at their ends.
 Strings cut(const std::string& text, char delimiter) {
@@ -318,7 +317,7 @@ std::string predicted(const Case& input) {
   return setUp(input) + usage(withBanner, input);
 }
 
-// What a process can leave changed, for itself and for whom it shares files with.
+// What a run must leave as it was, of the process's own and of what it shares with others.
 std::string stateOfProcess() {
   std::ostringstream state;
   for (char** variable = environ; *variable != nullptr; ++variable) state << *variable << '\0';
@@ -370,7 +369,7 @@ Case readCase(const std::uint8_t* data, std::size_t size) {
 }
 
 void check(const Case& input) {
-  const std::string expected = predicted(input);  // first: the fuzzer tries what was compared last
+  const std::string expected = predicted(input);  // first: the fuzzer mutates towards what was compared last
   const std::string before = stateOfProcess();
   const std::string seen = performed(input);
   if (seen == expected && stateOfProcess() == before) return;
@@ -403,4 +402,24 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static const bool areErrorsChecked = checkErrors();
   if (areErrorsChecked && size >= kHeaderSize) check(readCase(data, size));
   return 0;
+}
+
+extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, std::size_t largest);
+
+// Mutates one field, header line or argument by itself, or makes it anew: so it becomes a special value as a whole.
+extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size, std::size_t largest,
+                                               unsigned int seed) {
+  std::vector<std::uint8_t*> ends;
+  for (std::uint8_t* byte = data + std::min(size, kHeaderSize); byte != data + size; ++byte) {
+    if (*byte == '|' || *byte == '\r' || *byte == '\0') ends.push_back(byte);
+  }
+  ends.push_back(data + size);
+  const std::size_t chosen = seed % (ends.size() + 1);
+  if (size == largest || chosen == ends.size()) return LLVMFuzzerMutate(data, size, largest);
+  std::uint8_t* const begin = chosen == 0 ? data : ends[chosen - 1] + 1;
+  const std::vector<std::uint8_t> rest(ends[chosen], data + size);
+  const auto before = static_cast<std::size_t>(begin - data);
+  const std::size_t length = seed / 1024 % 4 == 0 ? 0 : static_cast<std::size_t>(ends[chosen] - begin);
+  std::uint8_t* const end = begin + LLVMFuzzerMutate(begin, length, largest - before - rest.size());
+  return static_cast<std::size_t>(std::copy(rest.begin(), rest.end(), end) - data);
 }

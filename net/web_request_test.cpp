@@ -25,7 +25,7 @@ constexpr const char* kAllReleased = "handles 0, lists 0, initialisations 0";
 
 constexpr const char* kEndCallsOfAFailure = "slist_free_all []\neasy_cleanup\nglobal_cleanup\n";
 
-// What a request is to come to at libcurl.
+// What libcurl is to get of a request.
 struct Transfer {
   std::string url = "U";
   bool isPost = false;
@@ -269,7 +269,7 @@ TEST(HeaderLines, AreThePiecesWithAColon) {
   }
 }
 
-// The lines so far are lost, for the transfer and for the release; the next one starts a new list.
+// The lines so far are lost: they are neither sent nor released. The next line starts a new list.
 TEST(HeaderLines, NullFromAppendReplacesTheList) {
   const struct {
     const char* rule;
@@ -315,7 +315,7 @@ TEST(ExecuteWebRequest, StatusCodeIsNarrowedTo32Bits) {
   } rows[] = {
       {4294967296 + 200, 200}, {4294967295, -1}, {2147483648, std::numeric_limits<std::int32_t>::min()}, {-1, -1}};
   for (const auto& row : rows) {
-    exchange.curl.status = static_cast<long>(row.status);  // which is narrower in 32 bits, with the same result
+    exchange.curl.status = static_cast<long>(row.status);  // where a long has 32 bits it is narrowed here
     EXPECT_EQ(exchange.execute(), row.result) << row.status;
   }
 }

@@ -30,7 +30,7 @@ struct RecordingCurl {
   CURLcode transferResult = CURLE_OK;            // unless a callback ends the transfer
   CURLcode infoResult = CURLE_OK;                // the status is given with CURLE_OK only
   long status = 200;
-  const void* response = nullptr;  // WRITEDATA is recorded by this name, any other value as "other"
+  const void* response = nullptr;  // where WRITEDATA is this, "response" is recorded, otherwise "other"
 
   // One line a call, such as
   //   setopt POST 1
