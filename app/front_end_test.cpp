@@ -14,7 +14,7 @@
 #include "testing/failing_allocation.h"
 #include "testing/recording_curl.h"
 
-// What arguments, fields, body and output file come to is said by the end-to-end tests and by the model in fuzz.
+// The end-to-end tests and the model in fuzz/ say what arguments, fields, body and output file come to.
 namespace webreq {
 
 namespace {

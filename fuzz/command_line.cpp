@@ -2,8 +2,8 @@
 // with its values and in its place, both outputs, the exit status; the process is afterwards as it was. libcurl is the
 // recording one; the linker puts the functions below in the place of the C library's, so that no file is touched.
 //
-// Input: eight bytes for what the tool meets (see readCase()), the arguments, a NUL byte behind each, then the body. A
-// byte kThousandCopies stands for those of what precedes it in its field.
+// Input: eight bytes for what the tool meets (see readCase()), the arguments, a NUL byte behind each, then the body.
+// The byte kThousandCopies stands for as many further copies of what precedes it in its field.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
@@ -35,7 +35,7 @@ using test_support::RecordingCurl;
 using Strings = std::vector<std::string>;
 using Handler = void (*)(int);
 
-constexpr int kOutputFile = 1'000'000;
+constexpr int kOutputFile = 1'000'000;  // its descriptor
 constexpr std::size_t kHeaderSize = 8;
 constexpr std::uint8_t kThousandCopies = 1;
 
@@ -246,47 +246,38 @@ std::string transfer(const Strings& headers, const Case& input) {
   return calls.str();
 }
 
-// Writes one text after the other. Where a write fails the rest of its text is lost, unless it is to be tried again.
-struct Delivery {
-  explicit Delivery(const Case& input) : left(input.bytesBeforeFailure) {
-    isTriedAgain = input.error == EINTR || input.error == EAGAIN;
-  }
-  bool put(const std::string& text, std::string& output) {
-    const bool fails = left < text.size();
-    output += fails && !isTriedAgain ? text.substr(0, left) : text;
-    left = fails ? std::numeric_limits<std::size_t>::max() : left - text.size();
-    return !fails || isTriedAgain;
-  }
+// Writes a text. Where a write fails the rest of the text is lost, unless it is to be tried again.
+bool put(const std::string& text, Case& input, std::string& output) {
+  const bool isLost = input.bytesBeforeFailure < text.size() && input.error != EINTR && input.error != EAGAIN;
+  output += isLost ? text.substr(0, input.bytesBeforeFailure) : text;
+  input.bytesBeforeFailure -= text.size();  // behind the failure it wraps, to more than is ever written
+  return !isLost;
+}
 
-  std::size_t left;
-  bool isTriedAgain;
-};
-
-std::string answer(const std::string& path, const Case& input) {
+std::string answer(const std::string& path, Case input) {
   const long result = !input.hasHandle ? 99 : input.outcome == CURLE_OK ? input.status : input.outcome;
   const std::string body = input.hasHandle ? input.body : "";
-  Delivery delivery(input);
   std::string output;
   std::string written;
-  delivery.put(std::to_string(result) + "\n", output);
+  put(std::to_string(result) + "\n", input, output);
   if (path.empty()) {
-    if (delivery.put(body, output) && !body.empty()) delivery.put("\n", output);
+    if (put(body, input, output) && !body.empty()) put("\n", input, output);
     return "write 1\n" + end(0, output, "");
   }
   const std::string open =
       "open " + inQuotes(path) + " " + std::to_string(O_WRONLY | O_CREAT | O_TRUNC) + " " + std::to_string(0666) + "\n";
   if (!input.opensOutputFile && input.error != EINTR) return "write 1\n" + open + end(0, output, "");
-  delivery.put(body, written);
+  put(body, input, written);
   return "write 1\n" + (input.opensOutputFile ? "" : open) + open + (body.empty() ? "" : "write 1000000\n") +
          "close 1000000\n" + end(0, output, written);
 }
 
-std::string described(const std::string& description, const Case& input) {
+std::string described(const std::string& description, Case input) {
   Strings fields = cut(description, '|');
   fields.resize(7);
   if (fields[0].empty()) {
     std::string output;
-    Delivery(input).put("-1\n", output);
+    put("-1\n", input, output);
     return "write 1\n" + end(0, output, "");
   }
   const std::string calls = input.hasHandle ? request(fields) + transfer(headerLines(fields[3]), input) : "";
@@ -295,15 +286,14 @@ std::string described(const std::string& description, const Case& input) {
 }
 
 // The texts themselves stand in the end-to-end tests: here they are what a first run has printed.
-std::string usage(bool withBanner, const Case& input) {
+std::string usage(bool withBanner, Case input) {
   static const std::string text = [] {
     performed({});
     return standardOutput;
   }();
-  Delivery delivery(input);
-  std::string output;
   std::istringstream lines(withBanner ? text : text.substr(text.find("\n\n") + 2));
-  for (std::string line; std::getline(lines, line);) delivery.put(line + "\n", output);
+  std::string output;
+  for (std::string line; std::getline(lines, line);) put(line + "\n", input, output);
   return "write 1\n" + end(-1, output, "");
 }
 
