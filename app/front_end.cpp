@@ -61,7 +61,7 @@ std::int32_t performDescribedRequest(const char* text, std::string& response, st
   }
 }
 
-// From the result line on nothing allocates memory, so the answer gets out even when there is none left.
+// From the result line on nothing allocates: the answer gets out even when memory has run out.
 void answerRequest(const char* text) noexcept {
   std::string response;
   std::string outputFile;

@@ -16,14 +16,14 @@ namespace {
 constexpr std::size_t kMebibyte = std::size_t{1} << 20U;
 constexpr std::size_t kGibibyte = 1024 * kMebibyte;
 
-// The address space that there is room for, and what of it is taken.
+// The size of the address space, and how much of it is taken.
 std::size_t room = 0;
 std::size_t taken = 0;
 char space = 0;
 
 }  // namespace
 
-// These two take the place of the C library's in this program.
+// These two replace the C library's in this program.
 extern "C" void* mmap(void* address, std::size_t size, int protection, int flags, int file, off_t offset) {
   EXPECT_EQ(address, nullptr);
   EXPECT_EQ(protection, PROT_READ | PROT_WRITE);
@@ -49,7 +49,7 @@ using test_support::allocationCount;
 using test_support::allocationFailed;
 using test_support::FailingAllocation;
 
-// What has to be free: twice the reservation for a body that outgrows it, and 256 MiB for libcurl, beside it.
+// What has to be free: the reservation, its double for a body that outgrows it, and 256 MiB for libcurl.
 constexpr std::size_t kEnough = 3 * kGibibyte + 256 * kMebibyte;
 
 std::size_t reservedCapacity(std::size_t mappable) {
@@ -61,7 +61,7 @@ std::size_t reservedCapacity(std::size_t mappable) {
   return response.capacity();
 }
 
-// It can't be had in every process, nor where the system promises no more memory than it has.
+// A process may be limited to less; a system without overcommit may have less.
 bool hasAGibibyte() {
   void* const memory = operator new(kGibibyte, std::nothrow);
   operator delete(memory, std::nothrow);

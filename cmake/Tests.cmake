@@ -1,8 +1,7 @@
 # End-to-end tests of the built tool, e2e/test_<name>.py; unit tests, <name>_test.cpp, linked with a recording libcurl.
 set(end_to_end_tests command_line environment examples failures fields footprint hardening headers misbehaving_servers
   output output_file process proxies readme redirects resolver responses static system_calls timeouts tls)
-set(unit_tests text/strings net/web_request app/request_description app/response_reservation app/usage app/output
-  app/process_setup app/front_end testing/interruptions testing/recording_curl)
+set(unit_tests text/strings net/web_request app/request_description app/response_reservation app/front_end)
 
 list(TRANSFORM end_to_end_tests REPLACE "(.+)" "e2e/test_\\1.py" OUTPUT_VARIABLE listed)
 list(TRANSFORM unit_tests REPLACE "(.+)" "\\1_test.cpp" OUTPUT_VARIABLE listed_units)
@@ -81,8 +80,7 @@ if(CMAKE_OSX_ARCHITECTURES)
   set(CMAKE_OSX_ARCHITECTURES ${CMAKE_HOST_SYSTEM_PROCESSOR})
 endif()
 
-add_library(test_support OBJECT
-  testing/descriptors.cpp testing/failing_allocation.cpp testing/interruptions.cpp testing/recording_curl.cpp)
+add_library(test_support OBJECT testing/failing_allocation.cpp testing/recording_curl.cpp)
 target_link_libraries(test_support PUBLIC reqkit GTest::gtest PRIVATE compiler_options)
 
 foreach(test IN LISTS unit_tests)
@@ -95,21 +93,15 @@ foreach(test IN LISTS unit_tests)
   gtest_discover_tests(${name}_test PROPERTIES TIMEOUT 60 DISCOVERY_TIMEOUT 60)
 endforeach()
 
-option(WEBREQ_FUZZ "Build the fuzz targets" OFF)
+option(WEBREQ_FUZZ "Build the fuzz target" OFF)
 
-# Each reads the seeds in fuzz/seeds/<name>.
+# The tool alone guides the fuzzer, main included.
 if(WEBREQ_FUZZ)
-  foreach(name strings command_line)
-    add_executable(fuzz_${name} fuzz/${name}.cpp)
-    target_link_libraries(fuzz_${name} PRIVATE front_end compiler_options)
-    target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
-  endforeach()
-  # The tool alone guides the fuzzer, main included.
-  target_sources(fuzz_command_line PRIVATE app/main.cpp)
+  add_executable(fuzz_command_line fuzz/command_line.cpp app/main.cpp)
   target_compile_definitions(fuzz_command_line PRIVATE main=toolMain)
   set_source_files_properties(fuzz/command_line.cpp PROPERTIES COMPILE_OPTIONS -fno-sanitize=all)
   target_compile_options(test_support PRIVATE -fno-sanitize=all)
-  target_link_libraries(fuzz_command_line PRIVATE test_support)
-  target_link_options(fuzz_command_line PRIVATE
+  target_link_libraries(fuzz_command_line PRIVATE front_end test_support compiler_options)
+  target_link_options(fuzz_command_line PRIVATE -fsanitize=fuzzer
     LINKER:--wrap=open,--wrap=write,--wrap=close,--wrap=fcntl,--wrap=poll,--wrap=signal,--wrap=mmap)
 endif()

@@ -48,13 +48,13 @@ def through_file(tool, description):
 
 
 def read_until_closed(terminal, received):
-    with contextlib.suppress(OSError):  # Linux's word for its end
+    with contextlib.suppress(OSError):  # how Linux reports its end
         while part := os.read(terminal, 1 << 20):
             received += part
 
 
 def through_terminal(tool, description):
-    """One that changes no line feeds."""
+    """A terminal that leaves line feeds alone."""
     ours, theirs = os.openpty()
     tty.setraw(theirs)
     received = bytearray()
@@ -70,15 +70,28 @@ def through_terminal(tool, description):
 
 
 def through_output_file(tool, description):
-    """As if it were standard output."""
+    """The result line and the file, put together as standard output has them."""
     return tool.request(f"{description}||||||out").stdout + pathlib.Path("out").read_bytes() + b"\n"
 
 
-@pytest.mark.parametrize("size", [size + more for size in (1 << 16, 1 << 20) for more in (-1, 0, 1)])
-@pytest.mark.parametrize("receive", [through_pipe, through_file, through_terminal, through_output_file])
-def test_round_size(tool, serve, receive, size):
-    body = (bytes(range(251)) * (size // 251 + 1))[:size]
-    assert receive(tool, serve(reply(200, body)).url) == b"200\n" + body + b"\n"
+@pytest.mark.parametrize(
+    "receive, powers",
+    [
+        (through_pipe, range(21)),
+        (through_file, [16, 20]),
+        (through_terminal, [16, 20]),
+        (through_output_file, [16, 20]),
+    ],
+)
+def test_sizes_around_powers_of_2(tool, serve, receive, powers):
+    """Bodies that end in LF, CR and CR LF by turns."""
+    for power in powers:
+        for more in (-1, 0, 1):
+            size = (1 << power) + more
+            end = (b"\n", b"\r", b"\r\n")[(power + more) % 3]
+            body = ((bytes(range(251)) * (size // 251 + 1))[:size] + end)[-size:] if size else b""
+            answer = receive(tool, serve(reply(200, body)).url)
+            assert answer == b"200\n" + body + b"\n" * (size > 0), size
 
 
 @pytest.mark.parametrize("flags", [0, os.O_APPEND])
@@ -100,17 +113,21 @@ def test_standard_output_of_50_mb(tool, large, large_url):
     assert tool.request(large_url) == Answer(b"200\n" + large + b"\n")
 
 
-def test_result_line_comes_before_the_body_is_taken(tool, large_url):
+@pytest.mark.parametrize("blocking", [True, False])
+def test_reader_that_takes_the_result_line_and_goes(tool, large_url, blocking):
     """The body doesn't fit into the pipe: were it written first, the line would not be there yet."""
-    with tool.start([tool.path, "-web", large_url]) as process:
-        assert process.stdout.readline() == b"200\n"
-        process.stdout.close()
+    reader, writer = os.pipe()
+    os.set_blocking(writer, blocking)
+    with tool.start([tool.path, "-web", large_url], stdout=writer) as process:
+        os.close(writer)
+        assert os.read(reader, 4) == b"200\n"
+        os.close(reader)
         assert (process.stderr.read(), process.wait()) == (b"", 0)
 
 
 @pytest.mark.parametrize("closed", [(0,), (1,), (2,), (0, 1), (1, 2), (0, 2), (0, 1, 2)])
 def test_closed_standard_descriptors(tool, tmp_path, serve, closed):
-    """The answer goes where it belongs and nowhere else; unit tests check which descriptors are open by then."""
+    """The answer goes where it belongs and nowhere else; fuzz/command_line.cpp says what is opened in their place."""
     server = serve(reply(200, BODY))
     redirections = " ".join(f"{descriptor}>&-" for descriptor in closed)
     command = ["sh", "-c", f'exec "$@" {redirections}', "sh", tool.path, "-web", f"{server.url}||||||out.txt"]

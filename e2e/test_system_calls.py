@@ -108,7 +108,7 @@ def test_full_pipe_is_awaited_not_polled(tool, tmp_path, serve):
 
 
 def test_pipe_that_is_full_for_longer_than_any_poll(tool, tmp_path, serve):
-    """Each of 3,000 comes back without it being writable, before it is read for the first time."""
+    """3,000 polls return while it is full; it is read only then."""
     body = b"x" * 200_000
     os.mkfifo(tmp_path / "pipe")
     (tmp_path / "trace").touch()

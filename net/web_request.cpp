@@ -30,7 +30,7 @@ Request readRequest(RequestParameters& parameters) {
   return request;
 }
 
-// The command line never asks for one; callers of the library do.
+// The command line never posts; callers of the library do.
 bool isPost(const Request& request) { return request.method == 'p'; }
 
 // A URL that already has a query gets a second "?": the caller's URL is not looked into. "-" stands for "no query".
@@ -50,7 +50,7 @@ void setNumber(CURL* handle, CURLoption option, long value) { curl_easy_setopt(h
 void setRequestOptions(CURL* handle, const Request& request, RequestParameters& parameters, std::string& response) {
   curl_easy_setopt(handle, CURLOPT_URL, request.url.c_str());
   setNumber(handle, CURLOPT_POST, isPost(request) ? 1 : 0);
-  // Looked up where it is first needed, so that without a handle the caller's map gets no "t".
+  // Looked up only here: without a handle the caller's map gets no "t".
   const std::int32_t milliseconds = std::atoi(parameters['t'].c_str());
   setNumber(handle, CURLOPT_CONNECTTIMEOUT, toTimeOut(milliseconds / 1000));
   setNumber(handle, CURLOPT_TIMEOUT, toTimeOut(milliseconds / 500));
@@ -58,7 +58,7 @@ void setRequestOptions(CURL* handle, const Request& request, RequestParameters& 
   curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, writeResponseData);
   curl_easy_setopt(handle, CURLOPT_WRITEDATA, &response);
   setNumber(handle, CURLOPT_FOLLOWLOCATION, 1);
-  // Part of the contract, though the answer never changes: libcurl asks whether to go on.
+  // Part of the contract: libcurl asks whether to go on, and the answer never changes.
   setNumber(handle, CURLOPT_NOPROGRESS, 0);
   curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, continueTransfer);
   // libcurl doesn't copy the body: request.parameterString has to outlive the transfer.
@@ -70,7 +70,7 @@ bool isHeaderLine(const std::string& line) { return static_cast<std::int32_t>(li
 
 curl_slist* makeHeaderList(const std::string& headerText) {
   std::vector<std::string> lines;
-  // The last line ends as every other does; nothing follows it.
+  // A carriage return ends the last line, too; the empty piece behind it is dropped.
   splitString(headerText + "\r", '\r', lines, false);
   curl_slist* list = nullptr;
   for (std::string& line : lines) {

@@ -25,7 +25,7 @@ constexpr const char* kAllReleased = "handles 0, lists 0, initialisations 0";
 
 constexpr const char* kEndCallsOfAFailure = "slist_free_all []\neasy_cleanup\nglobal_cleanup\n";
 
-// What a request is to come to at libcurl.
+// What libcurl is to get of a request.
 struct Transfer {
   std::string url = "U";
   bool isPost = false;
@@ -56,8 +56,9 @@ std::string setUpCalls(const Transfer& transfer) {
 
 std::string appendCalls(const Lines& headers) {
   std::string calls;
-  for (auto header = headers.begin(); header != headers.end(); ++header) {
-    calls += "slist_append " + describe({headers.begin(), header}) + " " + inQuotes(*header) + "\n";
+  int length = 0;
+  for (const std::string& header : headers) {
+    calls += "slist_append " + std::to_string(length++) + " " + inQuotes(header) + "\n";
   }
   return calls;
 }
@@ -98,71 +99,6 @@ std::string callsFor(const RequestParameters& parameters) {
   EXPECT_EQ(exchange.execute(), 200);
   EXPECT_EQ(exchange.curl.unreleased(), kAllReleased);
   return exchange.curl.calls();
-}
-
-TEST(ExecuteWebRequest, GetCallsLibcurlInThisOrder) {
-  Exchange exchange;
-  exchange.parameters = {{'u', "http://host/"}, {'p', "a=1"},   {'c', "g"},
-                         {'h', "A: 1\rB:\\s2"}, {'a', "agent"}, {'t', "30000"}};
-  exchange.curl.bodyChunks = {"ab", "c"};
-  EXPECT_EQ(exchange.execute(), 200);
-  EXPECT_EQ(exchange.response, "abc");
-  EXPECT_EQ(exchange.curl.calls(), R"(global_init ALL
-easy_init
-setopt URL "http://host/?a=1"
-setopt POST 0
-setopt CONNECTTIMEOUT 30
-setopt TIMEOUT 60
-setopt USERAGENT "agent"
-setopt WRITEFUNCTION writeResponseData
-setopt WRITEDATA response
-setopt FOLLOWLOCATION 1
-setopt NOPROGRESS 0
-setopt XFERINFOFUNCTION continueTransfer
-slist_append [] "A: 1"
-slist_append ["A: 1"] "B: 2"
-setopt HTTPHEADER ["A: 1", "B: 2"]
-setopt SSL_VERIFYPEER 0
-setopt SSL_VERIFYHOST 0
-perform
-write 2 -> 2
-write 1 -> 1
-progress -> 0
-slist_free_all ["A: 1", "B: 2"]
-getinfo RESPONSE_CODE
-easy_cleanup
-global_cleanup
-)");
-  EXPECT_EQ(exchange.curl.unreleased(), kAllReleased);
-}
-
-TEST(ExecuteWebRequest, PostCallsLibcurlInThisOrder) {
-  Exchange exchange;
-  exchange.parameters = {{'u', "http://host/"}, {'p', "a=1"}, {'c', "p"}};
-  EXPECT_EQ(exchange.execute(), 200);
-  EXPECT_EQ(exchange.curl.calls(), R"(global_init ALL
-easy_init
-setopt URL "http://host/"
-setopt POST 1
-setopt CONNECTTIMEOUT 0
-setopt TIMEOUT 0
-setopt WRITEFUNCTION writeResponseData
-setopt WRITEDATA response
-setopt FOLLOWLOCATION 1
-setopt NOPROGRESS 0
-setopt XFERINFOFUNCTION continueTransfer
-setopt POSTFIELDS "a=1"
-setopt HTTPHEADER []
-setopt SSL_VERIFYPEER 0
-setopt SSL_VERIFYHOST 0
-perform "a=1"
-progress -> 0
-slist_free_all []
-getinfo RESPONSE_CODE
-easy_cleanup
-global_cleanup
-)");
-  EXPECT_EQ(exchange.curl.unreleased(), kAllReleased);
 }
 
 TEST(ExecuteWebRequest, EmptyMapIsAGetOfTheEmptyUrl) {
@@ -213,11 +149,8 @@ TEST(ParameterString, IsTheQueryOfAGet) {
   } rows[] = {
       {"empty leaves the URL alone", "U", "", "U"},
       {"a hyphen leaves the URL alone", "U", "-", "U"},
-      {"two hyphens are a query", "U", "--", "U?--"},
       {"a hyphen is not trimmed", "U", " -", "U? -"},
       {"a hyphen with more is a query", "U", "-a", "U?-a"},
-      {"anything else is a query", "U", "a=1&b=2", "U?a=1&b=2"},
-      {"a URL with a query gets a second question mark", "U?a=1", "b=2", "U?a=1?b=2"},
       {"a URL with a fragment is not looked into", "U#f", "b=2", "U#f?b=2"},
       {"nothing is encoded", "U /\xC3\xA4", "a b&\"\xFF", "U /\xC3\xA4?a b&\"\xFF"},
       {"an empty URL is not treated differently", "", "a=1", "?a=1"},
@@ -311,35 +244,21 @@ TEST(UserAgent, IsSetUnlessEmpty) {
   }
 }
 
+// Beside those that e2e/test_headers.py has.
 TEST(HeaderLines, AreThePiecesWithAColon) {
   const struct {
     const char* rule;
     std::string text;
     Lines lines;
   } rows[] = {
-      {"one line", "Accept: text/plain", {"Accept: text/plain"}},
-      {"a carriage return separates", "A: 1\rB: 2", {"A: 1", "B: 2"}},
-      {"a line feed does not separate and stays", "A: 1\r\nB: 2", {"A: 1", "\nB: 2"}},
-      {"a line feed alone does not separate", "A: 1\nB: 2", {"A: 1\nB: 2"}},
-      {"blanks at the ends are trimmed, escaped ones are not", "  X-Msg:\\shello\\sworld\t", {"X-Msg: hello world"}},
       {"an escaped space at the end stays", "X: 1\\s ", {"X: 1 "}},
       {"an escaped space at the start stays", " \\sX: 1", {" X: 1"}},
-      {"a backslash in front of an escape stays", "X:\\\\s1", {"X:\\ 1"}},
-      {"an upper-case escape is none", "X:\\S1", {"X:\\S1"}},
-      {"no colon, no line", "NoColonHere", {}},
-      {"a colon at the start, no line", ":value", {}},
-      {"a colon at the start after trimming, no line", " :value", {}},
       {"of two colons the first one counts", ":value:", {}},
       {"a colon behind an escaped space, a line", "\\s:value", {" :value"}},
       {"a colon behind a line feed, a line", "\n:value", {"\n:value"}},
       {"a colon as the second byte, a line", "A:", {"A:"}},
-      {"a semicolon is no colon", "X-Blank;", {}},
-      {"a name and a colon, a line", "X-Remove:", {"X-Remove:"}},
-      {"lines without a colon are left out among others", "A: 1\rnone\r:none\rB: 2", {"A: 1", "B: 2"}},
-      {"empty lines are left out", "\rA: 1\r\r \t\rB: 2\r", {"A: 1", "B: 2"}},
       {"the same line twice, two lines", "A: 1\rA: 1", {"A: 1", "A: 1"}},
       {"empty", "", {}},
-      {"carriage returns, spaces and tabs only", "\r \r\t\r", {}},
       {"a line ends at its first NUL byte", "A: 1\0x\rB: 2"s, {"A: 1", "B: 2"}},
       {"a colon behind a NUL byte counts", "A\0: 1"s, {"A"}},
   };
@@ -350,7 +269,7 @@ TEST(HeaderLines, AreThePiecesWithAColon) {
   }
 }
 
-// The lines so far are lost, for the transfer and for the release; the next one starts a new list.
+// The lines so far are lost: they are neither sent nor released. The next line starts a new list.
 TEST(HeaderLines, NullFromAppendReplacesTheList) {
   const struct {
     const char* rule;
@@ -361,26 +280,17 @@ TEST(HeaderLines, NullFromAppendReplacesTheList) {
   } rows[] = {
       {"at the first line",
        1,
-       R"(slist_append [] "A: 1"
-slist_append [] "B: 2"
-slist_append ["B: 2"] "C: 3"
-)",
+       "slist_append 0 \"A: 1\"\nslist_append 0 \"B: 2\"\nslist_append 1 \"C: 3\"\n",
        {"B: 2", "C: 3"},
        kAllReleased},
       {"at a line in the middle",
        2,
-       R"(slist_append [] "A: 1"
-slist_append ["A: 1"] "B: 2"
-slist_append [] "C: 3"
-)",
+       "slist_append 0 \"A: 1\"\nslist_append 1 \"B: 2\"\nslist_append 0 \"C: 3\"\n",
        {"C: 3"},
        "handles 0, lists 1, initialisations 0"},
       {"at the last line",
        3,
-       R"(slist_append [] "A: 1"
-slist_append ["A: 1"] "B: 2"
-slist_append ["A: 1", "B: 2"] "C: 3"
-)",
+       "slist_append 0 \"A: 1\"\nslist_append 1 \"B: 2\"\nslist_append 2 \"C: 3\"\n",
        {},
        "handles 0, lists 1, initialisations 0"},
   };
@@ -397,22 +307,6 @@ slist_append ["A: 1", "B: 2"] "C: 3"
   }
 }
 
-TEST(ExecuteWebRequest, ResultIsTheStatusCode) {
-  Exchange exchange;
-  for (const std::int32_t status : {200, 204, 302, 404, 500, 999, 0}) {
-    exchange.curl.status = status;
-    EXPECT_EQ(exchange.execute(), status);
-  }
-}
-
-TEST(ExecuteWebRequest, AnErrorStatusComesWithItsBody) {
-  Exchange exchange;
-  exchange.curl.status = 404;
-  exchange.curl.bodyChunks = {"not found"};
-  EXPECT_EQ(exchange.execute(), 404);
-  EXPECT_EQ(exchange.response, "not found");
-}
-
 TEST(ExecuteWebRequest, StatusCodeIsNarrowedTo32Bits) {
   Exchange exchange;
   const struct {
@@ -421,7 +315,7 @@ TEST(ExecuteWebRequest, StatusCodeIsNarrowedTo32Bits) {
   } rows[] = {
       {4294967296 + 200, 200}, {4294967295, -1}, {2147483648, std::numeric_limits<std::int32_t>::min()}, {-1, -1}};
   for (const auto& row : rows) {
-    exchange.curl.status = static_cast<long>(row.status);  // which is narrower in 32 bits, with the same result
+    exchange.curl.status = static_cast<long>(row.status);  // where a long has 32 bits it is narrowed here
     EXPECT_EQ(exchange.execute(), row.result) << row.status;
   }
 }
@@ -445,20 +339,14 @@ TEST(ExecuteWebRequest, EveryErrorCodeOfTheTransferIsTheResult) {
   }
 }
 
-TEST(ExecuteWebRequest, WithoutAHandleTheResultIs99) {
+TEST(ExecuteWebRequest, WithoutAHandleTheResultIs99AndTheTimeOutIsNotLookedUp) {
   Exchange exchange;
   exchange.curl.givesHandle = false;
   EXPECT_EQ(exchange.execute(), 99);
   EXPECT_EQ(exchange.response, "");
+  EXPECT_EQ(exchange.parameters, (RequestParameters{{'c', ""}, {'u', "U"}, {'h', ""}, {'p', ""}, {'a', ""}}));
   EXPECT_EQ(exchange.curl.calls(), "global_init ALL\neasy_init\nglobal_cleanup\n");
   EXPECT_EQ(exchange.curl.unreleased(), kAllReleased);
-}
-
-TEST(ExecuteWebRequest, WithoutAHandleTheTimeOutIsNotLookedUp) {
-  Exchange exchange;
-  exchange.curl.givesHandle = false;
-  exchange.execute();
-  EXPECT_EQ(exchange.parameters, (RequestParameters{{'c', ""}, {'u', "U"}, {'h', ""}, {'p', ""}, {'a', ""}}));
 }
 
 TEST(ExecuteWebRequest, AFailingInitialisationIsNotNoticed) {
@@ -484,12 +372,6 @@ TEST(ExecuteWebRequest, ARefusedOptionIsNotNoticed) {
     EXPECT_EQ(exchange.execute(), 200);
     EXPECT_EQ(exchange.curl.calls(), completeCalls(transfer));
   }
-}
-
-TEST(ExecuteWebRequest, ResponseIsEmptiedFirst) {
-  Exchange exchange;
-  EXPECT_EQ(exchange.execute(), 200);
-  EXPECT_EQ(exchange.response, "");
 }
 
 TEST(ExecuteWebRequest, ResponseHoldsEveryByteInOrder) {
@@ -640,11 +522,16 @@ TEST(WriteResponseData, TakesNothingWhenMemoryRunsOut) {
 }
 
 TEST(ContinueTransfer, ReturnsZeroWhateverHasBeenTransferred) {
-  int context = 1;
-  EXPECT_EQ(continueTransfer(nullptr, 0, 0, 0, 0), 0);
-  EXPECT_EQ(continueTransfer(&context, 1, 2, 3, 4), 0);
-  constexpr curl_off_t kLargest = std::numeric_limits<curl_off_t>::max();
-  EXPECT_EQ(continueTransfer(nullptr, kLargest, kLargest, -1, -kLargest), 0);
+  const curl_off_t amounts[] = {-1, 0, 1, std::numeric_limits<curl_off_t>::max()};
+  for (const curl_off_t downloadTotal : amounts) {
+    for (const curl_off_t downloaded : amounts) {
+      for (const curl_off_t uploadTotal : amounts) {
+        for (const curl_off_t uploaded : amounts) {
+          EXPECT_EQ(continueTransfer(nullptr, downloadTotal, downloaded, uploadTotal, uploaded), 0);
+        }
+      }
+    }
+  }
 }
 
 }  // namespace

@@ -60,7 +60,7 @@ UncountedAllocations::~UncountedAllocations() { state.counting = wasCounting_; }
 
 }  // namespace test_support
 
-// All forms but the aligned ones, so that none is released by another implementation than the one that allocated it.
+// All forms but the aligned ones: what one form allocates another may release.
 void* operator new(std::size_t size) { return test_support::allocateOrThrow(size); }
 void* operator new[](std::size_t size) { return test_support::allocateOrThrow(size); }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return test_support::allocate(size); }

@@ -6,7 +6,7 @@
 
 namespace test_support {
 
-// Counts its thread's allocations while it lives and has those that it names fail with std::bad_alloc. One at a time.
+// Counts the thread's allocations while it lives; those that it names fail with std::bad_alloc. One at a time.
 class FailingAllocation {
  public:
   static FailingAllocation once(std::size_t index);  // the first allocation is 1; 0 names none
@@ -22,7 +22,7 @@ class FailingAllocation {
 
 using AllocationPlan = FailingAllocation (*)(std::size_t);  // of the three above
 
-// Allocations that the thread's last FailingAllocation counted, and whether it had one fail.
+// How many allocations the thread's last FailingAllocation counted, and whether one of them failed.
 std::size_t allocationCount();
 bool allocationFailed();
 

@@ -19,12 +19,18 @@ struct Call {
   std::size_t allocationsBefore;
 };
 
+struct List {
+  curl_slist* last;
+  std::size_t length;
+};
+
 struct Recording {
   std::vector<Call> calls;
   int initialisations = 0;
   int handles = 0;
-  std::deque<curl_slist> everyList;                    // released ones, too
-  std::map<const curl_slist*, std::string> listLines;  // of those alive, as they are recorded
+  std::deque<std::string> headerLines;  // of released lists, too
+  std::deque<curl_slist> nodes;
+  std::map<const curl_slist*, List> lists;  // those alive, by their first nodes
   std::size_t appends = 0;
   std::map<CURLoption, long> numbers;  // options set
   std::map<CURLoption, void*> objects;
@@ -69,18 +75,12 @@ std::string nameOf(Function function) {
   return "other";
 }
 
-std::string escaped(char byte) {
-  if (byte == '"' || byte == '\\') return {'\\', byte};
-  if (' ' <= byte && byte <= '~') return {byte};
-  constexpr std::string_view kDigits = "0123456789ABCDEF";
-  const auto value = static_cast<unsigned char>(byte);
-  return {'\\', 'x', kDigits[value / 16], kDigits[value % 16]};
-}
-
 std::string describe(const curl_slist* list) {
   if (list == nullptr) return "[]";
-  const auto found = recording.listLines.find(list);
-  return found == recording.listLines.end() ? "(no such list)" : "[" + found->second + "]";
+  if (recording.lists.count(list) == 0) return "(no such list)";
+  std::string lines;
+  for (; list != nullptr; list = list->next) lines += (lines.empty() ? "" : ", ") + inQuotes(list->data);
+  return "[" + lines + "]";
 }
 
 std::string describe(CURLoption option, const void* value) {
@@ -132,7 +132,7 @@ bool deliver(const std::string& chunk) {
   const auto write = reinterpret_cast<decltype(&reqkit::writeResponseData)>(function);
   const std::size_t taken = write(chunk.data(), 1, chunk.size(), data);
   const UncountedAllocations uncounted;
-  record("write " + std::to_string(chunk.size()) + " -> " + std::to_string(taken));
+  RecordingCurl::note("write " + std::to_string(chunk.size()) + " -> " + std::to_string(taken), false);
   return taken == chunk.size();
 }
 
@@ -145,21 +145,38 @@ bool reportProgress() {
   return result == 0;
 }
 
+std::string lengthOf(const curl_slist* list) {
+  if (list == nullptr) return "0";
+  const auto found = recording.lists.find(list);
+  return found == recording.lists.end() ? "(no such list)" : std::to_string(found->second.length);
+}
+
 curl_slist* addLine(curl_slist* list, const char* line) {
+  curl_slist* const node = &recording.nodes.emplace_back();
+  node->data = recording.headerLines.emplace_back(line).data();
   if (list == nullptr) {
-    list = &recording.everyList.emplace_back();
-    recording.listLines[list] = inQuotes(line);
-  } else if (recording.listLines.count(list) != 0) {
-    recording.listLines[list] += ", " + inQuotes(line);
+    recording.lists[node] = {node, 1};
+    return node;
   }
+  const auto found = recording.lists.find(list);
+  if (found == recording.lists.end()) return list;
+  found->second.last->next = node;
+  found->second = {node, found->second.length + 1};
   return list;
 }
 
 }  // namespace
 
 std::string inQuotes(std::string_view bytes) {
+  constexpr std::string_view kDigits = "0123456789ABCDEF";
   std::string text = "\"";
-  for (const char byte : bytes) text += escaped(byte);
+  for (const char byte : bytes) {
+    const auto value = static_cast<unsigned char>(byte);
+    const bool isPrinted = ' ' <= byte && byte <= '~';
+    if (byte == '"' || byte == '\\') text += '\\';
+    if (!isPrinted) text.append({'\\', 'x', kDigits[value / 16], kDigits[value % 16]});
+    if (isPrinted) text += byte;
+  }
   return text + "\"";
 }
 
@@ -185,7 +202,7 @@ std::string RecordingCurl::callsBeforeAllocation(std::size_t index) const {
 }
 
 std::string RecordingCurl::unreleased() const {
-  return "handles " + std::to_string(recording.handles) + ", lists " + std::to_string(recording.listLines.size()) +
+  return "handles " + std::to_string(recording.handles) + ", lists " + std::to_string(recording.lists.size()) +
          ", initialisations " + std::to_string(recording.initialisations);
 }
 
@@ -253,14 +270,14 @@ void(curl_easy_cleanup)(CURL* handle) {
 
 curl_slist*(curl_slist_append)(curl_slist* list, const char* line) {
   const UncountedAllocations uncounted;
-  record("slist_append " + describe(list) + " " + inQuotes(line));
+  record("slist_append " + lengthOf(list) + " " + inQuotes(line));
   return ++recording.appends == answers->failingAppend ? nullptr : addLine(list, line);
 }
 
 void(curl_slist_free_all)(curl_slist* list) {
   const UncountedAllocations uncounted;
   record("slist_free_all " + describe(list));
-  recording.listLines.erase(list);
+  recording.lists.erase(list);
 }
 
 }  // extern "C"

@@ -30,19 +30,19 @@ struct RecordingCurl {
   CURLcode transferResult = CURLE_OK;            // unless a callback ends the transfer
   CURLcode infoResult = CURLE_OK;                // the status is given with CURLE_OK only
   long status = 200;
-  const void* response = nullptr;  // WRITEDATA is recorded by this name, any other value as "other"
+  const void* response = nullptr;  // where WRITEDATA is this, "response" is recorded, otherwise "other"
 
   // One line a call, such as
   //   setopt POST 1
   //   setopt HTTPHEADER ["A: 1", "B: 2"]
-  //   slist_append ["A: 1"] "B: 2"     the list as it was, and the new line
+  //   slist_append 1 "B: 2"            the list's length so far, and the new line
   //   perform "a=1"                    the body as it is by then
-  //   write 3 -> 3                     bytes handed to WRITEFUNCTION, and its result
+  //   write 3 -> 3                     bytes handed to WRITEFUNCTION, and its result; once where that is repeated
   //   progress -> 0                    XFERINFOFUNCTION's result
-  // What is done to a handle or a list that isn't alive is recorded as such.
+  // A handle or list that isn't alive is recorded as "(no such handle)", "(no such list)".
   std::string calls() const;
 
-  // Adds a line for a call to something else, in its place among these; unless `again`, not twice in a row.
+  // Records a call to something else, in its place among these; with `again` false, a repeated call is recorded once.
   static void note(const std::string& call, bool again = true);
 
   // The calls made before the index-th allocation that FailingAllocation counted; the first is 1.
