@@ -3,9 +3,10 @@
 build/<preset>/failing_malloc.so, preloaded, makes them fail from the beginning of main on: in the tool itself and in
 all libraries that it calls. A static build has a second executable, linked with it.
 
-$EVERY makes it a sample: the first 60, which have all of the tool's own, and every so many of the libraries'.
+$EVERY makes it a sample: the first 30 and the last 80, which have the tool's own, and every so many between them.
 """
 
+import bisect
 import concurrent.futures
 import itertools
 import os
@@ -82,6 +83,15 @@ def measure_limit(pool, tool, arguments, enter):
     return 2 * TIME_OUT + 100 * max(pool.map(measure, range(-20, 0)))
 
 
+def count_allocations(tool, arguments, limit, enter):
+    """How many a run makes, give or take those that depend on how its answer arrives."""
+
+    def makes_fewer(number):
+        return run_with_failures(tool, number, number, arguments(number), limit, enter)[1] is None
+
+    return bisect.bisect_left(range(100_000), True, lo=1, key=makes_fewer) - 1
+
+
 def end_without_answer(answer):
     """Names it, if it is one of those above."""
     if answer is None:
@@ -96,8 +106,8 @@ def end_without_answer(answer):
 
 
 def fail_each(tool, alone, arguments, check, enter=()):
-    """Lets one allocation after the other fail until a run has none left to fail; `check` takes each answer and the
-    run's number. Prints and returns how many failed."""
+    """Lets one allocation after the other fail; `check` takes each answer and the run's number. Prints and returns how
+    many failed."""
 
     def run(number):
         answer, size = run_with_failures(tool, number, number if alone else 10**9, arguments(number), limit, enter)
@@ -106,12 +116,12 @@ def fail_each(tool, alone, arguments, check, enter=()):
             check(answer, number)
         return end, size
 
-    runs, numbers = [], itertools.chain(range(1, 61), itertools.count(61, EVERY))
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         limit = measure_limit(pool, tool, arguments, enter)
-        while not runs or runs[-1][1] is not None:
-            runs += pool.map(run, itertools.islice(numbers, 100))
-    failed = [(end, size) for end, size in runs if size is not None]
+        total = count_allocations(tool, arguments, limit, enter)
+        numbers = [*range(1, 31), *range(31, total - 80, EVERY), *range(max(31, total - 80), total + 20)]
+        failed = [(end, size) for end, size in pool.map(run, numbers) if size is not None]
+    assert len(failed) < len(numbers)  # the last runs had none left to fail
     check_ends(failed, alone)
     print(f"{len(failed)} allocations failed, each in a run of its own")
     return len(failed)
