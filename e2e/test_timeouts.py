@@ -101,10 +101,9 @@ def test_negative_time_out_on_a_silent_server(tool):
     with contextlib.ExitStack() as listening:
         port = listening.enter_context(silent_listener())
         command = hurried(tool, f"http://127.0.0.1:{port}/|||||-1000", speed=100)
-        with tool.start(command, env=UNDER_FAKETIME) as process:
+        with timed(0 if printed is None else 300 / 100), tool.start(command, env=UNDER_FAKETIME) as process:
             if printed is None:
                 with pytest.raises(subprocess.TimeoutExpired):
                     process.communicate(timeout=600 / 100)
                 listening.close()  # from now on the port refuses connections
-            with timed(0 if printed is None else 300 / 100):
-                assert process.communicate() == (printed or b"7\n", b"")
+            assert process.communicate() == (printed or b"7\n", b"")
