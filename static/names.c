@@ -1,12 +1,13 @@
 // How libcurl finds the addresses of a name: in place of two functions of c-ares, to which Libcurl.cmake redirects its
 // calls.
 //
-// libcurl asks c-ares once a family, and c-ares answers each question for itself: the family that the hosts file or the
-// name's own answer lacks is looked for elsewhere, in DNS and in the search domains, and another machine may be found.
-// Here the two questions are one look-up, as in the C library. What the hosts file has is not asked of DNS; the next
-// search domain is asked only when the name before it has no address at all. An answer is handed out as soon as it is
-// there, so that libcurl need not wait for a name server that drops the other question.
+// libcurl asks c-ares once a family, and c-ares answers each question for itself, so a family missing from the hosts
+// file is looked up in DNS, one missing from DNS in the search domains, and may lead to another host. Here the two
+// questions are one look-up, as in the C library. What the hosts file has is not asked of DNS; the next search domain
+// is asked only when the name before it has no address at all. An answer is handed out as soon as it is there, so that
+// libcurl need not wait for a name server that drops the other question.
 #include <arpa/inet.h>
+#include <curl/curlver.h>
 #include <errno.h>
 #include <stdbool.h>
 #include <stdio.h>
@@ -14,7 +15,12 @@
 #include <string.h>
 #include <strings.h>
 
-#include "ares_private.h"  // the order of files and DNS, the list of names to ask for, how to make an answer
+#include "ares_private.h"  // the list of names to ask for
+
+// Another version may have another list, or ask in another order: compare, and run e2e/heavy/names.py.
+#if ARES_VERSION != 0x012209 || LIBCURL_VERSION_NUM != 0x081600
+#error "This was read against c-ares 1.34.9 and libcurl 8.22.0."
+#endif
 
 typedef struct Lookup Lookup;
 
@@ -37,9 +43,10 @@ struct Lookup {
   char** names;  // to ask for, one after the other, until one has an address
   size_t nameCount;
   size_t nextName;
+  size_t plainName;  // the first or the last: the name itself, without a search domain
   Question questions[FAMILIES];
-  int open;    // questions that c-ares has not answered for the name before nextName
-  bool found;  // that name has an address
+  int open;  // questions that c-ares has not answered for the name before nextName
+  bool asksFile, asksDns, fileIsFirst;
 };
 
 static void answer(Question* question, int status, struct ares_addrinfo* addresses) {
@@ -68,9 +75,18 @@ static void endWith(Lookup* lookup, int status) {
   end(lookup, false);
 }
 
-// The next name may have an address, as in the C library.
+// The next search domain may have an address, as in the C library.
 static bool maySearchOn(const Question* question) {
   return question->status == ARES_ENOTFOUND || question->status == ARES_ENODATA || question->status == ARES_ESERVFAIL;
+}
+
+// After any other failure in a search domain the plain name alone is left, be it still to ask.
+static void skipDomains(Lookup* lookup) {
+  if (lookup->nextName <= lookup->plainName) {
+    lookup->nextName = lookup->plainName;
+  } else if (lookup->nextName > lookup->plainName + 1) {
+    lookup->nextName = lookup->nameCount;
+  }
 }
 
 static void ask(Lookup* lookup);
@@ -80,16 +96,14 @@ static void takeAnswer(void* argument, int status, int timeouts, struct ares_add
   Lookup* const lookup = question->lookup;
   (void)timeouts;
   question->status = status;
-  if (status == ARES_SUCCESS) {
-    lookup->found = true;
-    answer(question, status, addresses);
-  }
+  if (status == ARES_SUCCESS) answer(question, status, addresses);
   if (--lookup->open > 0) return;
-  const bool searchOn = maySearchOn(&lookup->questions[0]) && maySearchOn(&lookup->questions[1]);
-  if (searchOn && lookup->nextName < lookup->nameCount) {
+  const bool found = lookup->questions[0].status == ARES_SUCCESS || lookup->questions[1].status == ARES_SUCCESS;
+  if (!maySearchOn(&lookup->questions[0]) && !maySearchOn(&lookup->questions[1])) skipDomains(lookup);
+  if (!found && lookup->nextName < lookup->nameCount) {
     ask(lookup);
   } else {
-    end(lookup, !lookup->found);
+    end(lookup, !found);
   }
 }
 
@@ -104,44 +118,73 @@ static void ask(Lookup* lookup) {
   }
 }
 
-// The address in a line of the hosts file, NULL if the line is not about `name`.
-static const char* addressFor(char* line, const char* name) {
-  static const char blanks[] = " \t\r\v\f";
-  char* rest;
-  line[strcspn(line, "#\n")] = '\0';
-  const char* const address = strtok_r(line, blanks, &rest);
-  const char* alias = address;
-  while (alias && (alias = strtok_r(NULL, blanks, &rest)) && strcasecmp(alias, name) != 0) {
+static void addAddress(void* argument, int status, int timeouts, struct ares_addrinfo* address) {
+  Question* const question = argument;
+  struct ares_addrinfo_node** end = question->fromFile ? &question->fromFile->nodes : NULL;
+  (void)timeouts;
+  question->status = status;
+  if (!address) return;
+  if (!end) {
+    question->fromFile = address;
+    return;
   }
-  return alias ? address : NULL;
+  while (*end) end = &(*end)->ai_next;
+  *end = address->nodes;
+  address->nodes = NULL;
+  ares_freeaddrinfo(address);
 }
 
-static int addAddress(Question* question, int family, const void* bytes) {
-  if (!question->callback) return ARES_SUCCESS;
-  if (!question->fromFile) question->fromFile = ares_malloc_zero(sizeof *question->fromFile);
-  if (!question->fromFile) return ARES_ENOMEM;
-  const unsigned short port = (unsigned short)atoi(question->lookup->port);
-  return (int)ares_append_ai_node(family, port, 0, bytes, &question->fromFile->nodes);
-}
-
+// c-ares answers at once for an address as text.
 static int addAddressAsText(Lookup* lookup, const char* text) {
   struct in6_addr bytes;
   for (int i = 0; i < FAMILIES; ++i) {
-    if (inet_pton(families[i], text, &bytes) == 1) return addAddress(&lookup->questions[i], families[i], &bytes);
+    Question* const question = &lookup->questions[i];
+    if (!question->callback || inet_pton(families[i], text, &bytes) != 1) continue;
+    lookup->hints.ai_family = families[i];
+    ares_getaddrinfo(lookup->channel, text, lookup->port, &lookup->hints, addAddress, question);
+    return question->status;
   }
   return ARES_SUCCESS;
 }
 
-// Looks for `name` in the hosts file, line by line: c-ares would take a name's address for that of all names which
-// share a line with it. Returns ARES_ENOMEM or ARES_SUCCESS, be the name there or not.
-static int readHostsFile(Lookup* lookup, const char* name) {
-  FILE* const file = fopen(PATH_HOSTS, "re");
+static const char blanks[] = " \t\r\v\f";
+
+// Takes a line of the hosts file.
+static int takeAddress(Lookup* lookup, const char* name, char* line) {
+  char* rest;
+  const char* const address = strtok_r(line, blanks, &rest);
+  const char* alias = address;
+  while (alias && (alias = strtok_r(NULL, blanks, &rest)) && strcasecmp(alias, name) != 0) {
+  }
+  return alias ? addAddressAsText(lookup, address) : ARES_SUCCESS;
+}
+
+// Takes a line of nsswitch.conf. Systemd's service "resolve" reads the hosts file itself, before it asks DNS.
+static int takeServices(Lookup* lookup, const char* database, char* line) {
+  char* rest;
+  const char* service = strtok_r(line, ": \t\r\v\f", &rest);
+  if (!service || strcmp(service, database) != 0) return ARES_SUCCESS;
+  lookup->asksFile = lookup->asksDns = lookup->fileIsFirst = false;
+  while ((service = strtok_r(NULL, blanks, &rest))) {
+    const bool isBoth = strcmp(service, "resolve") == 0;
+    if (isBoth || strcmp(service, "files") == 0) lookup->asksFile = true;
+    lookup->fileIsFirst |= lookup->asksFile && !lookup->asksDns;
+    if (isBoth || strcmp(service, "dns") == 0) lookup->asksDns = true;
+  }
+  return ARES_SUCCESS;
+}
+
+// Has `take` read a file, line by line, without comments. c-ares's reading of the hosts file would take a name's
+// address for that of all names which share a line with it. Returns ARES_ENOMEM or ARES_SUCCESS, whether or not there
+// is a file.
+static int readLines(const char* path, Lookup* lookup, const char* key, int (*take)(Lookup*, const char*, char*)) {
+  FILE* const file = fopen(path, "re");
   char* line = NULL;
   size_t size = 0;
   int status = ARES_SUCCESS;
   while (file && status == ARES_SUCCESS && getline(&line, &size, file) >= 0) {
-    const char* const address = addressFor(line, name);
-    if (address) status = addAddressAsText(lookup, address);
+    line[strcspn(line, "#\n")] = '\0';
+    status = take(lookup, key, line);
   }
   if ((!file || !feof(file)) && errno == ENOMEM) status = ARES_ENOMEM;
   free(line);
@@ -149,13 +192,11 @@ static int readHostsFile(Lookup* lookup, const char* name) {
   return status;
 }
 
-// nsswitch.conf says whether the file or DNS, or both, and which of them first: a channel's lookups, "fb" as a rule.
 static void start(Lookup* lookup, const char* name) {
-  char* const lookups = lookup->channel->lookups;
-  const bool asksDns = strchr(lookups, 'b');
-  int status = strchr(lookups, 'f') ? readHostsFile(lookup, name) : ARES_SUCCESS;
+  int status = readLines("/etc/nsswitch.conf", lookup, "hosts", takeServices);
+  if (status == ARES_SUCCESS && lookup->asksFile) status = readLines(PATH_HOSTS, lookup, name, takeAddress);
   const bool isInFile = lookup->questions[0].fromFile || lookup->questions[1].fromFile;
-  if (status == ARES_SUCCESS && (!asksDns || (*lookups == 'f' && isInFile))) {
+  if (status == ARES_SUCCESS && (!lookup->asksDns || (lookup->fileIsFirst && isInFile))) {
     end(lookup, true);
     return;
   }
@@ -166,8 +207,8 @@ static void start(Lookup* lookup, const char* name) {
     endWith(lookup, status);
     return;
   }
-  strcpy(lookups, "b");  // from here on c-ares asks DNS, for the very names that it is given
-  lookup->channel->flags |= ARES_FLAG_NOSEARCH | ARES_FLAG_NOALIASES;
+  lookup->plainName = strlen(*lookup->names) == strlen(name) ? 0 : lookup->nameCount - 1;
+  lookup->channel->flags |= ARES_FLAG_NOSEARCH | ARES_FLAG_NOALIASES;  // for c-ares to ask for the very names
   ask(lookup);
 }
 
@@ -182,6 +223,7 @@ static void startLookup(ares_channel_t* channel, const char* name, const char* p
   lookup->channel = channel;
   lookup->hints = *hints;
   snprintf(lookup->port, sizeof lookup->port, "%s", port);
+  lookup->asksFile = lookup->asksDns = lookup->fileIsFirst = true;  // unless nsswitch.conf says otherwise
   memcpy(lookup->questions, questions, sizeof lookup->questions);
   start(lookup, name);
 }
@@ -206,6 +248,8 @@ void webreq_ares_getaddrinfo(ares_channel_t* channel, const char* name, const ch
 // name servers drop queries that have it, and c-ares knows how to go on after a FORMERR alone.
 int webreq_ares_init_options(ares_channel_t** channel, struct ares_options* options, int mask) {
   waiting.callback = NULL;
+  static char dns[] = "b";
   options->flags = 0;
-  return ares_init_options(channel, options, mask | ARES_OPT_FLAGS);
+  options->lookups = dns;
+  return ares_init_options(channel, options, mask | ARES_OPT_FLAGS | ARES_OPT_LOOKUPS);
 }
