@@ -50,7 +50,7 @@ endif()
 
 # Preloaded into the tool by tests in e2e/.
 if(CMAKE_SYSTEM_NAME STREQUAL "Linux" AND NOT WEBREQ_STATIC)
-  foreach(name failing_malloc hanging_resolver no_libcurl)
+  foreach(name failing_malloc no_libcurl)
     add_library(${name} MODULE e2e/support/preload/${name}.cpp)
     target_link_libraries(${name} PRIVATE compiler_options ${CMAKE_DL_LIBS})
     set_target_properties(${name} PROPERTIES PREFIX "")

@@ -13,7 +13,7 @@ import time
 import libcurl
 import own_network
 import pytest
-from conftest import ENVIRONMENT, IS_STATIC, Answer, impossible_on_macos, impossible_under_translator, preloading
+from conftest import ENVIRONMENT, IS_STATIC, Answer, impossible_on_macos, impossible_under_translator
 from scripted_server import AWAIT_CLOSE, READ_REQUEST, OK, pause, reply
 
 HALF_A_BODY = OK + b"Content-Length: 10\r\n\r\nhalf\0"
@@ -66,19 +66,6 @@ def test_slow_answer_within_the_time_out(tool, serve):
 
 
 preloads = pytest.mark.skipif(sys.platform != "linux" or IS_STATIC, reason="preloads a library")
-
-
-@preloads
-def test_resolver_that_hangs_for_4_seconds(tool):
-    """The result is a time-out's, but newer versions of libcurl wait until their resolver's thread gives up."""
-    environment = {**ENVIRONMENT, **preloading("hanging_resolver"), "ASAN_OPTIONS": "verify_asan_link_order=0"}
-    is_awaited = libcurl.answer("hanging resolver")
-    awaits = [tool.path, "-web", "http://host.invalid/|||||30000"]
-    with tool.start(awaits, env=environment) as process, timed(4 if is_awaited else 1):
-        assert tool.request("http://host.invalid/|||||999", env=environment) == Answer(b"28\n")
-        assert process.poll() is None or is_awaited
-
-
 needs_own_clock = impossible_under_translator("faketime doesn't make the clock faster")
 needs_faketime = pytest.mark.skipif(not shutil.which("faketime"), reason="no faketime here")
 

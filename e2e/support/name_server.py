@@ -54,21 +54,16 @@ def everywhere(query, transport):
     return zone({query.question[0].name.to_text(): ["A 127.0.0.1", "AAAA ::1"]})(query, transport)
 
 
-def failing(name, rcode, otherwise):
-    """For one name it fails."""
-
-    def answer(query, transport):
-        response = otherwise(query, transport)
-        if query.question[0].name.to_text() == name:
-            response = dns.message.make_response(query, recursion_available=True)
-            response.set_rcode(rcode)
+def failing(rcode):
+    def answer(query, _):
+        response = dns.message.make_response(query, recursion_available=True)
+        response.set_rcode(dns.rcode.from_text(rcode))
         return response
 
     return answer
 
 
-def refused(query, transport):
-    return failing(query.question[0].name.to_text(), dns.rcode.REFUSED, everywhere)(query, transport)
+refused = failing("REFUSED")
 
 
 def dropping(is_dropped, otherwise):
@@ -127,7 +122,8 @@ class Network:
 
     def _udp(self, address, query, opened, peer):
         if response := self._respond(address, query, "UDP"):
-            opened.sendto(response, peer)
+            with contextlib.suppress(OSError):  # the run has ended, and the socket is closed
+                opened.sendto(response, peer)
 
     def _tcp(self, address, connection):
         while size := int.from_bytes(connection.recv(2, socket.MSG_WAITALL), "big"):
