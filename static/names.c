@@ -43,10 +43,11 @@ struct Lookup {
   char** names;  // to ask for, one after the other, until one has an address
   size_t nameCount;
   size_t nextName;
-  size_t plainName;  // the first or the last: the name itself, without a search domain
+  bool plainIsFirst;  // the name without a search domain is the first of them, else the last
   Question questions[FAMILIES];
   int open;  // questions that c-ares has not answered for the name before nextName
   bool asksFile, asksDns, fileIsFirst;
+  int status;  // of reading the files: ARES_ENOMEM or ARES_SUCCESS, whether or not the name is listed
 };
 
 static void answer(Question* question, int status, struct ares_addrinfo* addresses) {
@@ -62,7 +63,7 @@ static void end(Lookup* lookup, bool fromFile) {
     if (fromFile && question->fromFile) {
       answer(question, ARES_SUCCESS, question->fromFile);
     } else {
-      answer(question, question->status, NULL);
+      answer(question, lookup->status == ARES_SUCCESS ? question->status : lookup->status, NULL);
       ares_freeaddrinfo(question->fromFile);
     }
   }
@@ -70,23 +71,9 @@ static void end(Lookup* lookup, bool fromFile) {
   free(lookup);
 }
 
-static void endWith(Lookup* lookup, int status) {
-  for (int i = 0; i < FAMILIES; ++i) lookup->questions[i].status = status;
-  end(lookup, false);
-}
-
-// The next search domain may have an address, as in the C library.
-static bool maySearchOn(const Question* question) {
-  return question->status == ARES_ENOTFOUND || question->status == ARES_ENODATA || question->status == ARES_ESERVFAIL;
-}
-
-// After any other failure in a search domain the plain name alone is left, be it still to ask.
-static void skipDomains(Lookup* lookup) {
-  if (lookup->nextName <= lookup->plainName) {
-    lookup->nextName = lookup->plainName;
-  } else if (lookup->nextName > lookup->plainName + 1) {
-    lookup->nextName = lookup->nameCount;
-  }
+// The next search domain may have an address, as in the C library; after any other failure it is the name alone.
+static bool maySearchOn(int status) {
+  return status == ARES_ENOTFOUND || status == ARES_ENODATA || status == ARES_ESERVFAIL || status == ARES_ECONNREFUSED;
 }
 
 static void ask(Lookup* lookup);
@@ -97,9 +84,15 @@ static void takeAnswer(void* argument, int status, int timeouts, struct ares_add
   (void)timeouts;
   question->status = status;
   if (status == ARES_SUCCESS) answer(question, status, addresses);
+  const bool isOver = status == ARES_ENOMEM || status == ARES_EDESTRUCTION || status == ARES_ECANCELLED;
+  if (isOver) lookup->nextName = lookup->nameCount;
   if (--lookup->open > 0) return;
-  const bool found = lookup->questions[0].status == ARES_SUCCESS || lookup->questions[1].status == ARES_SUCCESS;
-  if (!maySearchOn(&lookup->questions[0]) && !maySearchOn(&lookup->questions[1])) skipDomains(lookup);
+  const int six = lookup->questions[0].status, four = lookup->questions[1].status;
+  const bool found = six == ARES_SUCCESS || four == ARES_SUCCESS;
+  const bool isLast = lookup->nextName == lookup->nameCount;
+  if (!isLast && lookup->nextName > lookup->plainIsFirst && !maySearchOn(six) && !maySearchOn(four)) {
+    lookup->nextName = lookup->nameCount - !lookup->plainIsFirst;  // past the other domains
+  }
   if (!found && lookup->nextName < lookup->nameCount) {
     ask(lookup);
   } else {
@@ -120,135 +113,114 @@ static void ask(Lookup* lookup) {
 
 static void addAddress(void* argument, int status, int timeouts, struct ares_addrinfo* address) {
   Question* const question = argument;
-  struct ares_addrinfo_node** end = question->fromFile ? &question->fromFile->nodes : NULL;
+  struct ares_addrinfo* const first = question->fromFile;
   (void)timeouts;
-  question->status = status;
-  if (!address) return;
-  if (!end) {
-    question->fromFile = address;
-    return;
-  }
+  question->lookup->status = status;
+  if (!first) question->fromFile = address;
+  if (!first || !address) return;
+  struct ares_addrinfo_node** end = &first->nodes;
   while (*end) end = &(*end)->ai_next;
   *end = address->nodes;
   address->nodes = NULL;
   ares_freeaddrinfo(address);
 }
 
-// c-ares answers at once for an address as text.
-static int addAddressAsText(Lookup* lookup, const char* text) {
+static void addAddressAsText(Lookup* lookup, const char* text) {
   struct in6_addr bytes;
   for (int i = 0; i < FAMILIES; ++i) {
-    Question* const question = &lookup->questions[i];
-    if (!question->callback || inet_pton(families[i], text, &bytes) != 1) continue;
-    lookup->hints.ai_family = families[i];
-    ares_getaddrinfo(lookup->channel, text, lookup->port, &lookup->hints, addAddress, question);
-    return question->status;
+    if (!lookup->questions[i].callback || inet_pton(families[i], text, &bytes) != 1) continue;
+    lookup->hints.ai_family = families[i];  // c-ares answers at once
+    ares_getaddrinfo(lookup->channel, text, lookup->port, &lookup->hints, addAddress, &lookup->questions[i]);
   }
-  return ARES_SUCCESS;
 }
 
 static const char blanks[] = " \t\r\v\f";
 
-// Takes a line of the hosts file.
-static int takeAddress(Lookup* lookup, const char* name, char* line) {
+static void takeAddress(Lookup* lookup, const char* name, char* line) {
   char* rest;
   const char* const address = strtok_r(line, blanks, &rest);
   const char* alias = address;
   while (alias && (alias = strtok_r(NULL, blanks, &rest)) && strcasecmp(alias, name) != 0) {
   }
-  return alias ? addAddressAsText(lookup, address) : ARES_SUCCESS;
+  if (alias) addAddressAsText(lookup, address);
 }
 
 // Takes a line of nsswitch.conf. Systemd's service "resolve" reads the hosts file itself, before it asks DNS.
-static int takeServices(Lookup* lookup, const char* database, char* line) {
+static void takeServices(Lookup* lookup, const char* database, char* line) {
   char* rest;
   const char* service = strtok_r(line, ": \t\r\v\f", &rest);
-  if (!service || strcmp(service, database) != 0) return ARES_SUCCESS;
+  if (!service || strcmp(service, database) != 0) return;
   lookup->asksFile = lookup->asksDns = lookup->fileIsFirst = false;
   while ((service = strtok_r(NULL, blanks, &rest))) {
     const bool isBoth = strcmp(service, "resolve") == 0;
-    if (isBoth || strcmp(service, "files") == 0) lookup->asksFile = true;
+    lookup->asksFile |= isBoth || strcmp(service, "files") == 0;
     lookup->fileIsFirst |= lookup->asksFile && !lookup->asksDns;
-    if (isBoth || strcmp(service, "dns") == 0) lookup->asksDns = true;
+    lookup->asksDns |= isBoth || strcmp(service, "dns") == 0;
   }
-  return ARES_SUCCESS;
 }
 
-// Has `take` read a file, line by line, without comments. c-ares's reading of the hosts file would take a name's
-// address for that of all names which share a line with it. Returns ARES_ENOMEM or ARES_SUCCESS, whether or not there
-// is a file.
-static int readLines(const char* path, Lookup* lookup, const char* key, int (*take)(Lookup*, const char*, char*)) {
+// Has `take` read a file, line by line. c-ares would take a name's address in the hosts file for that of all names
+// which share a line with it.
+static void readLines(const char* path, Lookup* lookup, const char* key, void (*take)(Lookup*, const char*, char*)) {
   FILE* const file = fopen(path, "re");
   char* line = NULL;
   size_t size = 0;
-  int status = ARES_SUCCESS;
-  while (file && status == ARES_SUCCESS && getline(&line, &size, file) >= 0) {
+  while (file && lookup->status == ARES_SUCCESS && getline(&line, &size, file) >= 0) {
     line[strcspn(line, "#\n")] = '\0';
-    status = take(lookup, key, line);
+    take(lookup, key, line);
   }
-  if ((!file || !feof(file)) && errno == ENOMEM) status = ARES_ENOMEM;
+  if ((!file || !feof(file)) && errno == ENOMEM) lookup->status = ARES_ENOMEM;
   free(line);
   if (file) fclose(file);
-  return status;
 }
 
 static void start(Lookup* lookup, const char* name) {
-  int status = readLines("/etc/nsswitch.conf", lookup, "hosts", takeServices);
-  if (status == ARES_SUCCESS && lookup->asksFile) status = readLines(PATH_HOSTS, lookup, name, takeAddress);
+  readLines("/etc/nsswitch.conf", lookup, "hosts", takeServices);
+  if (lookup->asksFile) readLines(PATH_HOSTS, lookup, name, takeAddress);
   const bool isInFile = lookup->questions[0].fromFile || lookup->questions[1].fromFile;
-  if (status == ARES_SUCCESS && (!lookup->asksDns || (lookup->fileIsFirst && isInFile))) {
-    end(lookup, true);
+  const bool isEnough = !lookup->asksDns || (lookup->fileIsFirst && isInFile);
+  if (lookup->status == ARES_SUCCESS && !isEnough) {
+    lookup->status = (int)ares_search_name_list(lookup->channel, name, &lookup->names, &lookup->nameCount);
+  }
+  if (lookup->status != ARES_SUCCESS || isEnough) {
+    end(lookup, lookup->status == ARES_SUCCESS);
     return;
   }
-  if (status == ARES_SUCCESS) {
-    status = (int)ares_search_name_list(lookup->channel, name, &lookup->names, &lookup->nameCount);
-  }
-  if (status != ARES_SUCCESS) {
-    endWith(lookup, status);
-    return;
-  }
-  lookup->plainName = strlen(*lookup->names) == strlen(name) ? 0 : lookup->nameCount - 1;
+  lookup->plainIsFirst = strlen(*lookup->names) == strlen(name);
   lookup->channel->flags |= ARES_FLAG_NOSEARCH | ARES_FLAG_NOALIASES;  // for c-ares to ask for the very names
   ask(lookup);
 }
 
-static void startLookup(ares_channel_t* channel, const char* name, const char* port,
-                        const struct ares_addrinfo_hints* hints, Question* questions) {
-  Lookup* const lookup = calloc(1, sizeof *lookup);
-  for (int i = 0; i < FAMILIES; ++i) {
-    questions[i].lookup = lookup;
-    if (!lookup) answer(&questions[i], ARES_ENOMEM, NULL);
-  }
-  if (!lookup) return;
-  lookup->channel = channel;
-  lookup->hints = *hints;
-  snprintf(lookup->port, sizeof lookup->port, "%s", port);
-  lookup->asksFile = lookup->asksDns = lookup->fileIsFirst = true;  // unless nsswitch.conf says otherwise
-  memcpy(lookup->questions, questions, sizeof lookup->questions);
-  start(lookup, name);
-}
-
 // The question for IPv6, which waits for the one for IPv4, as libcurl asks that right behind it. (It asks the first one
 // alone only with an option that the tool does not set.)
-static Question waiting = {.status = ARES_ENODATA};
+static Question waiting;
 
 // In place of ares_getaddrinfo.
 void webreq_ares_getaddrinfo(ares_channel_t* channel, const char* name, const char* port,
                              const struct ares_addrinfo_hints* hints, ares_addrinfo_callback callback, void* argument) {
-  const Question question = {.callback = callback, .argument = argument, .status = ARES_ENODATA};
+  Question question = {.callback = callback, .argument = argument, .status = ARES_ENODATA};
   if (hints->ai_family == AF_INET6) {
     waiting = question;
     return;
   }
-  Question questions[FAMILIES] = {waiting, question};
-  startLookup(channel, name, port, hints, questions);
+  Lookup* const lookup = malloc(sizeof *lookup);
+  waiting.lookup = question.lookup = lookup;
+  if (!lookup) {
+    answer(&waiting, ARES_ENOMEM, NULL);
+    answer(&question, ARES_ENOMEM, NULL);
+    return;
+  }
+  *lookup = (Lookup){.channel = channel, .hints = *hints, .questions = {waiting, question}};
+  lookup->asksFile = lookup->asksDns = lookup->fileIsFirst = true;  // unless nsswitch.conf says otherwise
+  snprintf(lookup->port, sizeof lookup->port, "%s", port);
+  start(lookup, name);
 }
 
 // In place of ares_init_options, which libcurl calls before each look-up: without EDNS, as the C library asks. Some
 // name servers drop queries that have it, and c-ares knows how to go on after a FORMERR alone.
 int webreq_ares_init_options(ares_channel_t** channel, struct ares_options* options, int mask) {
-  waiting.callback = NULL;
-  static char dns[] = "b";
+  static char dns[] = "b";  // c-ares's name for it
+  waiting = (Question){.status = ARES_ENOTIMP};
   options->flags = 0;
   options->lookups = dns;
   return ares_init_options(channel, options, mask | ARES_OPT_FLAGS | ARES_OPT_LOOKUPS);
