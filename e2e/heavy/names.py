@@ -140,11 +140,15 @@ def look_up(place, tool, world):
     return answer, asked
 
 
+@pytest.mark.skipif(not own_network.is_possible(), reason="no network namespace can be made here")
 @pytest.mark.parametrize("number", range(int(os.environ.get("WORLDS", 400))))
 def test_world(place, number):
     world = make_world(number)
     write_files(place[0], world)
-    expected, found = (look_up(place, tool, world) for tool in (MODEL, WEBREQ))
-    if any(trouble == "drop" for trouble, _ in world["troubles"].values()):
-        expected, found = expected[0], found[0]
+    for _ in range(2):  # where a busy machine connects late, libcurl tries the other kind of address
+        expected, found = (look_up(place, tool, world) for tool in (MODEL, WEBREQ))
+        if any(trouble == "drop" for trouble, _ in world["troubles"].values()):
+            expected, found = expected[0], found[0]
+        if found == expected:
+            return
     assert found == expected, f"world {number}:\n{pprint.pformat(world, width=110)}"
