@@ -27,8 +27,8 @@ ADDRESSES = [["0.0.0.0", "::1"], [*BLOCKS, "::1"], [*BLOCKS, "2001:db8::1"]]
 NO_ADDRESSES = ["127.1", "0x7f000001", "127.0.0.256", "nonsense", "::1%lo", "127.0.0.01", "[::1]", "#127.0.0.1"]
 RECORDS = [[], ["A 127.0.0.1"], ["AAAA ::1"], ["A 127.0.0.4", "AAAA ::1"], ["A 127.0.0.6", "AAAA 2001:db8::1"]]
 RECORDS += [["A 127.0.0.6", "A 127.0.0.4"], ["A 0.0.0.0"], ["CNAME alias."], ["CNAME nowhere."]]
-TROUBLES = ["SERVFAIL", "REFUSED", "NOTIMP", "FORMERR", "drop", "late", "truncated"]
-IN_PART = ["REFUSED", "late", "truncated"]  # may be about AAAA alone
+TROUBLES = ["REFUSED", "NOTIMP", "drop", "SERVFAIL", "FORMERR", "late", "truncated"]
+IN_PART = ["REFUSED", "truncated"]  # may be about AAAA alone
 SERVICES = ["files dns", "files dns", "dns files", "files", "dns", "files myhostname resolve [!UNAVAIL=return] dns"]
 SERVICES += ["mymachines resolve [!UNAVAIL=return] files myhostname dns", "files mdns4_minimal [NOTFOUND=return] dns"]
 OPTIONS = ["rotate", "edns0", "single-request", "single-request-reopen", "trust-ad", "unknown:3", "timeout:3"]
@@ -36,10 +36,7 @@ OPTIONS = ["rotate", "edns0", "single-request", "single-request-reopen", "trust-
 
 def make_number(pick):
     """Of the shapes that inet_aton takes, and of some that it doesn't."""
-    parts = [
-        pick.choice([0, 1, 9, 127, 255, 256, 65536, 2130706433, 2**32])
-        for _ in range(pick.choice([1, 2, 3, 4, 4, 5]))
-    ]
+    parts = pick.choices([0, 1, 9, 127, 255, 256, 65536, 2130706433, 2**32], k=pick.choice([1, 2, 3, 4, 4, 5]))
     return ".".join(pick.choice(["{}", "{}", "0{:o}", "{:#x}", "{}x"]).format(part) for part in parts)
 
 
@@ -47,32 +44,31 @@ def make_line(pick, host, addresses):
     other = pick.choice(["other", host + ".example", host[:-1] + "z", "x" + host, "x" * 5000])
     names = pick.sample([host, host.upper(), other, "shared"], pick.choice([1, 2, 3]))
     address = pick.choice(addresses if pick.random() < 0.8 else NO_ADDRESSES)
-    return pick.choice([" ", "\t", " \t "]).join([address, *names]) + pick.choice(
-        ["", "", " ", "#" + host, " # " + host]
-    )
+    comment = pick.choice(["", "", " ", "#" + host, " # " + host])
+    return pick.choice([" ", "\t", " \t "]).join([address, *names]) + comment
 
 
 def make_services(pick):
-    form = pick.choice(["hosts: {}\n"] * 4 + ["hosts:{}\n", "  hosts:\t{}\n", "#hosts: dns\nhosts: {}\n"])
+    form = pick.choice(
+        ["hosts: {}\n", "hosts:{}\n", "  hosts:\t{}\n", "#hosts: dns\nhosts: {}\n", "hosts:\nhosts: {}\n"]
+    )
     return pick.choice(["passwd: files\n", None, *[form.format(services) for services in SERVICES] * 2])
 
 
 def make_resolv_conf(pick, domains):
-    servers = pick.choice(
-        [["127.0.0.1"]] * 4 + [["127.0.0.1", "127.0.0.2"], ["127.0.0.3", "127.0.0.1"], ["127.0.0.3"], []]
-    )
+    servers = pick.choice([["127.0.0.1"], ["127.0.0.1", "127.0.0.2"], ["127.0.0.3", "127.0.0.1"], ["127.0.0.3"], []])
     lines = [f"nameserver {server}" for server in servers]
     lines += ["search " + " ".join(domains)] if domains else []
     options = pick.sample(OPTIONS, pick.choice([0, 0, 1, 2]))
     options += pick.choice([[], [], ["ndots:0"], ["ndots:1"], ["ndots:2"], ["ndots:5"], ["ndots:15"]])
     lines += ["options " + " ".join([*options, "timeout:1", f"attempts:{pick.choice([1, 1, 2])}"])]
     pick.shuffle(lines)
-    return pick.choice(["", "# comment\n; another\n"]) + "\n".join(lines) + pick.choice(["\n", "\n", ""])
+    return pick.choice(["", "# comment\n; another\n"]) + "\n".join([*lines, *pick.choice([[], [""]])])
 
 
-def make_trouble(pick):
+def make_trouble(pick, resolv_conf):
     """With the kinds of questions that it is about."""
-    trouble = pick.choice(TROUBLES)
+    trouble = pick.choice(TROUBLES[3 if "127.0.0.3" in resolv_conf else 0 :])
     return trouble, ["A", "AAAA"][trouble in IN_PART and pick.random() < 0.5 :]
 
 
@@ -84,14 +80,15 @@ def make_world(number):
     addresses = pick.choice(ADDRESSES)
     lines = [make_line(pick, host, addresses) for _ in range(pick.choice([0, 0, 1, 2, 3]))]
     written = pick.choice([host, host, host, host.upper(), host.title()]) + dot
+    resolv_conf = pick.choice([None] + [make_resolv_conf(pick, domains)] * 20)
     return {
         "URL": f"http://{written}/" + pick.choice([""] * 9 + ["http://alias/"]),
         "hosts": pick.choice(["\n", "\n", "\r\n"]).join(["127.0.0.1 in-hosts", *lines, ""]),
         "lines before": pick.choice([0] * 50 + [200_000]),
         "nsswitch.conf": make_services(pick),
-        "resolv.conf": pick.choice([None] + [make_resolv_conf(pick, domains)] * 20),
+        "resolv.conf": resolv_conf,
         "DNS": {name: pick.choice(RECORDS) for name in names if pick.random() < 0.6} | {"alias.": ["A 127.0.0.5"]},
-        "troubles": {name: make_trouble(pick) for name in names if pick.random() < 0.1},
+        "troubles": {name: make_trouble(pick, resolv_conf or "") for name in names if pick.random() < 0.2},
     }
 
 
