@@ -107,7 +107,8 @@ function(redirect_calls)
   add_library(redirected STATIC static/names.c)
   target_compile_options(redirected PRIVATE -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wcast-qual)
   target_compile_definitions(redirected PRIVATE $<TARGET_PROPERTY:c-ares,COMPILE_DEFINITIONS>)
-  target_include_directories(redirected SYSTEM PRIVATE $<TARGET_PROPERTY:c-ares,INCLUDE_DIRECTORIES>)
+  target_include_directories(redirected SYSTEM PRIVATE
+    $<TARGET_PROPERTY:c-ares,INCLUDE_DIRECTORIES> ${curl_source}/include)
   target_link_libraries(redirected PRIVATE c-ares)
   target_link_libraries(libcurl_static PRIVATE redirected)
   target_compile_definitions(libcurl_static PRIVATE

@@ -1,12 +1,13 @@
 // How libcurl finds the addresses of a name: in place of two functions of c-ares, to which Libcurl.cmake redirects its
 // calls.
 //
-// libcurl asks c-ares once a family, and c-ares answers each question for itself: the family that the hosts file or the
-// name's own answer lacks is looked for elsewhere, in DNS and in the search domains, and another machine may be found.
-// Here the two questions are one look-up, as in the C library. What the hosts file has is not asked of DNS; the next
-// search domain is asked only when the name before it has no address at all. An answer is handed out as soon as it is
-// there, so that libcurl need not wait for a name server that drops the other question.
+// libcurl asks c-ares once a family, and c-ares answers each question for itself, so a family missing from the hosts
+// file is looked up in DNS, one missing from DNS in the search domains, and may lead to another host. Here the two
+// questions are one look-up, as in the C library. What the hosts file has is not asked of DNS; the next search domain
+// is asked only when the name before it has no address at all. An answer is handed out as soon as it is there, so that
+// libcurl need not wait for a name server that drops the other question.
 #include <arpa/inet.h>
+#include <curl/curlver.h>
 #include <errno.h>
 #include <stdbool.h>
 #include <stdio.h>
@@ -14,7 +15,12 @@
 #include <string.h>
 #include <strings.h>
 
-#include "ares_private.h"  // the order of files and DNS, the list of names to ask for, how to make an answer
+#include "ares_private.h"  // the list of names to ask for
+
+// Another version may have another list, or ask in another order: compare, and run e2e/heavy/names.py.
+#if ARES_VERSION != 0x012209 || LIBCURL_VERSION_NUM != 0x081600
+#error "This was read against c-ares 1.34.9 and libcurl 8.22.0."
+#endif
 
 typedef struct Lookup Lookup;
 
@@ -37,9 +43,11 @@ struct Lookup {
   char** names;  // to ask for, one after the other, until one has an address
   size_t nameCount;
   size_t nextName;
+  bool plainIsFirst;  // the name without a search domain is the first of them, else the last
   Question questions[FAMILIES];
-  int open;    // questions that c-ares has not answered for the name before nextName
-  bool found;  // that name has an address
+  int open;  // questions that c-ares has not answered for the name before nextName
+  bool asksFile, asksDns, fileIsFirst;
+  int status;  // of reading the files: ARES_ENOMEM or ARES_SUCCESS, whether or not the name is listed
 };
 
 static void answer(Question* question, int status, struct ares_addrinfo* addresses) {
@@ -55,7 +63,7 @@ static void end(Lookup* lookup, bool fromFile) {
     if (fromFile && question->fromFile) {
       answer(question, ARES_SUCCESS, question->fromFile);
     } else {
-      answer(question, question->status, NULL);
+      answer(question, lookup->status == ARES_SUCCESS ? question->status : lookup->status, NULL);
       ares_freeaddrinfo(question->fromFile);
     }
   }
@@ -63,14 +71,9 @@ static void end(Lookup* lookup, bool fromFile) {
   free(lookup);
 }
 
-static void endWith(Lookup* lookup, int status) {
-  for (int i = 0; i < FAMILIES; ++i) lookup->questions[i].status = status;
-  end(lookup, false);
-}
-
-// The next name may have an address, as in the C library.
-static bool maySearchOn(const Question* question) {
-  return question->status == ARES_ENOTFOUND || question->status == ARES_ENODATA || question->status == ARES_ESERVFAIL;
+// The next search domain may have an address, as in the C library; after any other failure it is the name alone.
+static bool maySearchOn(int status) {
+  return status == ARES_ENOTFOUND || status == ARES_ENODATA || status == ARES_ESERVFAIL || status == ARES_ECONNREFUSED;
 }
 
 static void ask(Lookup* lookup);
@@ -80,16 +83,20 @@ static void takeAnswer(void* argument, int status, int timeouts, struct ares_add
   Lookup* const lookup = question->lookup;
   (void)timeouts;
   question->status = status;
-  if (status == ARES_SUCCESS) {
-    lookup->found = true;
-    answer(question, status, addresses);
-  }
+  if (status == ARES_SUCCESS) answer(question, status, addresses);
+  const bool isOver = status == ARES_ENOMEM || status == ARES_EDESTRUCTION || status == ARES_ECANCELLED;
+  if (isOver) lookup->nextName = lookup->nameCount;
   if (--lookup->open > 0) return;
-  const bool searchOn = maySearchOn(&lookup->questions[0]) && maySearchOn(&lookup->questions[1]);
-  if (searchOn && lookup->nextName < lookup->nameCount) {
+  const int six = lookup->questions[0].status, four = lookup->questions[1].status;
+  const bool found = six == ARES_SUCCESS || four == ARES_SUCCESS;
+  const bool isLast = lookup->nextName == lookup->nameCount;
+  if (!isLast && lookup->nextName > lookup->plainIsFirst && !maySearchOn(six) && !maySearchOn(four)) {
+    lookup->nextName = lookup->nameCount - !lookup->plainIsFirst;  // past the other domains
+  }
+  if (!found && lookup->nextName < lookup->nameCount) {
     ask(lookup);
   } else {
-    end(lookup, !lookup->found);
+    end(lookup, !found);
   }
 }
 
@@ -104,108 +111,117 @@ static void ask(Lookup* lookup) {
   }
 }
 
-// The address in a line of the hosts file, NULL if the line is not about `name`.
-static const char* addressFor(char* line, const char* name) {
-  static const char blanks[] = " \t\r\v\f";
+static void addAddress(void* argument, int status, int timeouts, struct ares_addrinfo* address) {
+  Question* const question = argument;
+  struct ares_addrinfo* const first = question->fromFile;
+  (void)timeouts;
+  question->lookup->status = status;
+  if (!first) question->fromFile = address;
+  if (!first || !address) return;
+  struct ares_addrinfo_node** end = &first->nodes;
+  while (*end) end = &(*end)->ai_next;
+  *end = address->nodes;
+  address->nodes = NULL;
+  ares_freeaddrinfo(address);
+}
+
+static void addAddressAsText(Lookup* lookup, const char* text) {
+  struct in6_addr bytes;
+  for (int i = 0; i < FAMILIES; ++i) {
+    if (!lookup->questions[i].callback || inet_pton(families[i], text, &bytes) != 1) continue;
+    lookup->hints.ai_family = families[i];  // c-ares answers at once
+    ares_getaddrinfo(lookup->channel, text, lookup->port, &lookup->hints, addAddress, &lookup->questions[i]);
+  }
+}
+
+static const char blanks[] = " \t\r\v\f";
+
+static void takeAddress(Lookup* lookup, const char* name, char* line) {
   char* rest;
-  line[strcspn(line, "#\n")] = '\0';
   const char* const address = strtok_r(line, blanks, &rest);
   const char* alias = address;
   while (alias && (alias = strtok_r(NULL, blanks, &rest)) && strcasecmp(alias, name) != 0) {
   }
-  return alias ? address : NULL;
+  if (alias) addAddressAsText(lookup, address);
 }
 
-static int addAddress(Question* question, int family, const void* bytes) {
-  if (!question->callback) return ARES_SUCCESS;
-  if (!question->fromFile) question->fromFile = ares_malloc_zero(sizeof *question->fromFile);
-  if (!question->fromFile) return ARES_ENOMEM;
-  const unsigned short port = (unsigned short)atoi(question->lookup->port);
-  return (int)ares_append_ai_node(family, port, 0, bytes, &question->fromFile->nodes);
-}
-
-static int addAddressAsText(Lookup* lookup, const char* text) {
-  struct in6_addr bytes;
-  for (int i = 0; i < FAMILIES; ++i) {
-    if (inet_pton(families[i], text, &bytes) == 1) return addAddress(&lookup->questions[i], families[i], &bytes);
+// Takes a line of nsswitch.conf. Systemd's service "resolve" reads the hosts file itself, before it asks DNS.
+static void takeServices(Lookup* lookup, const char* database, char* line) {
+  char* rest;
+  const char* service = strtok_r(line, ": \t\r\v\f", &rest);
+  if (!service || strcmp(service, database) != 0) return;
+  lookup->asksFile = lookup->asksDns = lookup->fileIsFirst = false;
+  while ((service = strtok_r(NULL, blanks, &rest))) {
+    const bool isBoth = strcmp(service, "resolve") == 0;
+    lookup->asksFile |= isBoth || strcmp(service, "files") == 0;
+    lookup->fileIsFirst |= lookup->asksFile && !lookup->asksDns;
+    lookup->asksDns |= isBoth || strcmp(service, "dns") == 0;
   }
-  return ARES_SUCCESS;
 }
 
-// Looks for `name` in the hosts file, line by line: c-ares would take a name's address for that of all names which
-// share a line with it. Returns ARES_ENOMEM or ARES_SUCCESS, be the name there or not.
-static int readHostsFile(Lookup* lookup, const char* name) {
-  FILE* const file = fopen(PATH_HOSTS, "re");
+// Has `take` read a file, line by line. c-ares would take a name's address in the hosts file for that of all names
+// which share a line with it.
+static void readLines(const char* path, Lookup* lookup, const char* key, void (*take)(Lookup*, const char*, char*)) {
+  FILE* const file = fopen(path, "re");
   char* line = NULL;
   size_t size = 0;
-  int status = ARES_SUCCESS;
-  while (file && status == ARES_SUCCESS && getline(&line, &size, file) >= 0) {
-    const char* const address = addressFor(line, name);
-    if (address) status = addAddressAsText(lookup, address);
+  while (file && lookup->status == ARES_SUCCESS && getline(&line, &size, file) >= 0) {
+    line[strcspn(line, "#\n")] = '\0';
+    take(lookup, key, line);
   }
-  if ((!file || !feof(file)) && errno == ENOMEM) status = ARES_ENOMEM;
+  if ((!file || !feof(file)) && errno == ENOMEM) lookup->status = ARES_ENOMEM;
   free(line);
   if (file) fclose(file);
-  return status;
 }
 
-// nsswitch.conf says whether the file or DNS, or both, and which of them first: a channel's lookups, "fb" as a rule.
 static void start(Lookup* lookup, const char* name) {
-  char* const lookups = lookup->channel->lookups;
-  const bool asksDns = strchr(lookups, 'b');
-  int status = strchr(lookups, 'f') ? readHostsFile(lookup, name) : ARES_SUCCESS;
+  readLines("/etc/nsswitch.conf", lookup, "hosts", takeServices);
+  if (lookup->asksFile) readLines(PATH_HOSTS, lookup, name, takeAddress);
   const bool isInFile = lookup->questions[0].fromFile || lookup->questions[1].fromFile;
-  if (status == ARES_SUCCESS && (!asksDns || (*lookups == 'f' && isInFile))) {
-    end(lookup, true);
+  const bool isEnough = !lookup->asksDns || (lookup->fileIsFirst && isInFile);
+  if (lookup->status == ARES_SUCCESS && !isEnough) {
+    lookup->status = (int)ares_search_name_list(lookup->channel, name, &lookup->names, &lookup->nameCount);
+  }
+  if (lookup->status != ARES_SUCCESS || isEnough) {
+    end(lookup, lookup->status == ARES_SUCCESS);
     return;
   }
-  if (status == ARES_SUCCESS) {
-    status = (int)ares_search_name_list(lookup->channel, name, &lookup->names, &lookup->nameCount);
-  }
-  if (status != ARES_SUCCESS) {
-    endWith(lookup, status);
-    return;
-  }
-  strcpy(lookups, "b");  // from here on c-ares asks DNS, for the very names that it is given
-  lookup->channel->flags |= ARES_FLAG_NOSEARCH | ARES_FLAG_NOALIASES;
+  lookup->plainIsFirst = strlen(*lookup->names) == strlen(name);
+  lookup->channel->flags |= ARES_FLAG_NOSEARCH | ARES_FLAG_NOALIASES;  // for c-ares to ask for the very names
   ask(lookup);
-}
-
-static void startLookup(ares_channel_t* channel, const char* name, const char* port,
-                        const struct ares_addrinfo_hints* hints, Question* questions) {
-  Lookup* const lookup = calloc(1, sizeof *lookup);
-  for (int i = 0; i < FAMILIES; ++i) {
-    questions[i].lookup = lookup;
-    if (!lookup) answer(&questions[i], ARES_ENOMEM, NULL);
-  }
-  if (!lookup) return;
-  lookup->channel = channel;
-  lookup->hints = *hints;
-  snprintf(lookup->port, sizeof lookup->port, "%s", port);
-  memcpy(lookup->questions, questions, sizeof lookup->questions);
-  start(lookup, name);
 }
 
 // The question for IPv6, which waits for the one for IPv4, as libcurl asks that right behind it. (It asks the first one
 // alone only with an option that the tool does not set.)
-static Question waiting = {.status = ARES_ENODATA};
+static Question waiting;
 
 // In place of ares_getaddrinfo.
 void webreq_ares_getaddrinfo(ares_channel_t* channel, const char* name, const char* port,
                              const struct ares_addrinfo_hints* hints, ares_addrinfo_callback callback, void* argument) {
-  const Question question = {.callback = callback, .argument = argument, .status = ARES_ENODATA};
+  Question question = {.callback = callback, .argument = argument, .status = ARES_ENODATA};
   if (hints->ai_family == AF_INET6) {
     waiting = question;
     return;
   }
-  Question questions[FAMILIES] = {waiting, question};
-  startLookup(channel, name, port, hints, questions);
+  Lookup* const lookup = malloc(sizeof *lookup);
+  waiting.lookup = question.lookup = lookup;
+  if (!lookup) {
+    answer(&waiting, ARES_ENOMEM, NULL);
+    answer(&question, ARES_ENOMEM, NULL);
+    return;
+  }
+  *lookup = (Lookup){.channel = channel, .hints = *hints, .questions = {waiting, question}};
+  lookup->asksFile = lookup->asksDns = lookup->fileIsFirst = true;  // unless nsswitch.conf says otherwise
+  snprintf(lookup->port, sizeof lookup->port, "%s", port);
+  start(lookup, name);
 }
 
 // In place of ares_init_options, which libcurl calls before each look-up: without EDNS, as the C library asks. Some
 // name servers drop queries that have it, and c-ares knows how to go on after a FORMERR alone.
 int webreq_ares_init_options(ares_channel_t** channel, struct ares_options* options, int mask) {
-  waiting.callback = NULL;
+  static char dns[] = "b";  // c-ares's name for it
+  waiting = (Question){.status = ARES_ENOTIMP};
   options->flags = 0;
-  return ares_init_options(channel, options, mask | ARES_OPT_FLAGS);
+  options->lookups = dns;
+  return ares_init_options(channel, options, mask | ARES_OPT_FLAGS | ARES_OPT_LOOKUPS);
 }

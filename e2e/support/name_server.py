@@ -28,10 +28,10 @@ def zone(records):
 
     def answer(query, _):
         response = dns.message.make_response(query, recursion_available=True)
-        name = query.question[0].name.to_text()
-        if name not in records:
-            response.set_rcode(dns.rcode.NXDOMAIN)
+        name = query.question[0].name.to_text().lower()
         while name:
+            if name not in records:
+                response.set_rcode(dns.rcode.NXDOMAIN)
             name = add_records(response, name, records.get(name, []))
         return response
 
@@ -54,21 +54,16 @@ def everywhere(query, transport):
     return zone({query.question[0].name.to_text(): ["A 127.0.0.1", "AAAA ::1"]})(query, transport)
 
 
-def failing(name, rcode, otherwise):
-    """For one name it fails."""
-
-    def answer(query, transport):
-        response = otherwise(query, transport)
-        if query.question[0].name.to_text() == name:
-            response = dns.message.make_response(query, recursion_available=True)
-            response.set_rcode(rcode)
+def failing(rcode):
+    def answer(query, _):
+        response = dns.message.make_response(query, recursion_available=True)
+        response.set_rcode(dns.rcode.from_text(rcode))
         return response
 
     return answer
 
 
-def refused(query, transport):
-    return failing(query.question[0].name.to_text(), dns.rcode.REFUSED, everywhere)(query, transport)
+refused = failing("REFUSED")
 
 
 def dropping(is_dropped, otherwise):
@@ -104,16 +99,17 @@ class Network:
     @contextlib.contextmanager
     def serve(self, sockets):
         servers = [server for server in map(self._server_on, sockets) if server]
-        threads = [threading.Thread(target=server.serve_forever, args=[0.05]) for server in servers]
-        for thread in threads:
-            thread.start()
+        ours, theirs = socket.socketpair()
+        thread = threading.Thread(target=handle_requests, args=[servers, theirs])
+        thread.start()
         try:
             yield
         finally:
-            for server, thread in zip(servers, threads):
-                server.shutdown()
-                thread.join()
-                take_the_rest(server)
+            ours.close()
+            thread.join()
+            theirs.close()
+            for server in servers:
+                server.server_close()  # ends with the last request's thread
 
     def _server_on(self, opened):
         address, port = opened.getsockname()[:2]
@@ -126,7 +122,8 @@ class Network:
 
     def _udp(self, address, query, opened, peer):
         if response := self._respond(address, query, "UDP"):
-            opened.sendto(response, peer)
+            with contextlib.suppress(OSError):  # the run has ended, and the socket is closed
+                opened.sendto(response, peer)
 
     def _tcp(self, address, connection):
         while size := int.from_bytes(connection.recv(2, socket.MSG_WAITALL), "big"):
@@ -141,12 +138,13 @@ class Network:
         return response and response.to_wire()
 
 
-def take_the_rest(server):
-    """What a run has sent counts, though it may have ended without waiting for the answer."""
-    server.timeout = 0
-    while select.select([server], [], [], 0)[0]:
-        server.handle_request()
-    server.server_close()  # ends with the last request's thread
+def handle_requests(servers, end):
+    """Ends when the peer of `end` has been closed and nothing is left: what a run has sent counts, though it may have
+    ended without waiting for the answer."""
+    while (ready := select.select([*servers, end], [], [])[0]) != [end]:
+        for server in ready:
+            if server is not end:
+                server.handle_request()
 
 
 SILENT = [("::1", 81), ("127.0.0.1", 82)]
@@ -156,7 +154,7 @@ def answer_request(connection, peer):
     """The body is the address that the client connected to. A path "/http://..." leads there. SOCKS 4 is answered by
     the address that the client wants to be connected with."""
     request = connection.recv(65536)
-    body = peer[0]
+    body = connection.getsockname()[0]
     if request.startswith(b"\x04"):
         body = socket.inet_ntoa(request[4:8])
         connection.sendall(b"\0\x5a" + bytes(6))
@@ -179,7 +177,8 @@ def make_server(base, opened, handle):
 
     server = Server(None, None, bind_and_activate=False)
     server.socket.close()
-    server.socket = opened
+    server.socket = opened.dup()
+    server.timeout = 0
     return server
 
 

@@ -62,15 +62,15 @@ def hold(control, folder, ipv6):
 
 
 def listen(ipv6):
-    """Name servers on 127.0.0.1 and 127.0.0.2, UDP and TCP; web servers on port 80 of 127.0.0.1 and ::1. Connections
-    are not answered at port 81 of ::1, nor at port 82 of 127.0.0.1."""
+    """Name servers on 127.0.0.1 and 127.0.0.2, UDP and TCP; web servers on port 80 of 127.0.0.1, .4, .5 and ::1.
+    Connections are not answered at port 81 of ::1, nor at port 82 of 127.0.0.1."""
     sockets = []
     for address in ("127.0.0.1", "127.0.0.2"):
         sockets.append(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
         sockets[-1].bind((address, 53))
         sockets.append(socket.create_server((address, 53)))
-    for port in (80, 81):
-        sockets.append(socket.create_server(("127.0.0.1", port)))
+    for address in (("127.0.0.1", 80), ("127.0.0.1", 81), ("127.0.0.4", 80), ("127.0.0.5", 80)):
+        sockets.append(socket.create_server(address))
     sockets += silent_sockets("127.0.0.1", 82)
     if ipv6:
         for port in (80, 82):
