@@ -137,7 +137,7 @@ def look_up(place, tool, world):
     return answer, asked
 
 
-@pytest.mark.skipif(not own_network.is_possible(), reason="no network namespace can be made here")
+@pytest.mark.skipif(not own_network.is_possible(), reason=own_network.REASON)
 @pytest.mark.parametrize("number", range(int(os.environ.get("WORLDS", 1000))))
 def test_world(place, number):
     world = make_world(number)
