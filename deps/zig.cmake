@@ -1,6 +1,6 @@
 # Toolchain file: builds, on Linux, for the system that ZIG_TARGET names, x86_64-linux-musl or aarch64-macos.11.0 say.
 # The zig that deps/fetch lays down compiles; LLVM's linker links with the C++ and C libraries that zig builds. It is
-# called directly, as configuring with `zig c++` as the linker takes 107 seconds of processor time instead of 12: link
+# called directly: with `zig c++` in its place configuring takes 107 seconds of processor time instead of 12. So link
 # options are its own, without "LINKER:".
 cmake_path(SET cache NORMALIZE ${CMAKE_CURRENT_LIST_DIR}/../build/zig-cache)
 file(REAL_PATH ${CMAKE_CURRENT_LIST_DIR}/../build/tools/bin/zig zig)

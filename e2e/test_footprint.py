@@ -178,8 +178,8 @@ def test_own_calls_of_the_usage(trace, usage):
     assert len(calls) == 19 and all(call.startswith("write(1, ") for call in calls[5:-1])
 
 
-RUNS = ["every run", "a request", "HTTP", "IPv4", "IPv6", "HTTPS", "a host name"]
-RUNS += ["file://", "a file by file://", "a folder by file://"]
+RUNS = ["every run", "a description, even an empty one", "a request", "HTTP", "IPv4", "IPv6", "HTTPS"]
+RUNS += ["a host name", "file://", "a file by file://", "a folder by file://"]
 
 
 def listed():
@@ -201,6 +201,8 @@ has_network = pytest.mark.skipif(not own_network.is_possible(), reason="no netwo
 def check(lines, *runs):
     made = {outline(line.replace('"out"', '"OUTFILE"')) for line in lines}
     expected = set().union(*(listed()[run] for run in runs))
+    if "a request" in runs:
+        expected |= listed()["a description, even an empty one"]
     if "HTTP" in runs:
         made.add("fcntl F_GETFL")  # of the connection before libcurl closes it, unless the server has closed it by then
     assert made == expected
@@ -210,6 +212,12 @@ def check(lines, *runs):
 @for_x86_64
 def test_every_call_of_the_usage(trace, usage):
     check(trace(expected=usage), "every run")
+
+
+@only_static
+@for_x86_64
+def test_every_call_without_a_url(trace):
+    check(trace("-web", "", expected=Answer(b"-1\n")), "every run", "a description, even an empty one")
 
 
 @only_static
