@@ -1,7 +1,11 @@
-"""What the static executable leaves out that somebody may notice."""
+"""What the static executable leaves out that somebody may notice, and that it needs no other file."""
+
+import os
+import shutil
+import subprocess
 
 import pytest
-from conftest import Answer, only_static
+from conftest import EXECUTABLE, REPOSITORY, Answer, impossible_under_translator, only_static
 from scripted_server import reply
 
 pytestmark = only_static
@@ -18,3 +22,28 @@ def test_other_schemes_are_unknown(tool, serve, scheme):
 def test_international_name_is_unknown(tool):
     """Other builds call it malformed (3), as their locale "C" knows no such letters."""
     assert tool.request("http://b\u00fccher.invalid/") == Answer(b"6\n")
+
+
+@pytest.fixture(name="root")
+def make_root(tmp_path):
+    """An empty root folder but for the tool, and a command that runs as an ordinary user there."""
+    root = tmp_path / "root"
+    root.mkdir()
+    shutil.copy(EXECUTABLE, root / "webreq")
+    root.chmod(0o555)
+    if os.geteuid() == 0:
+        return root, ["chroot", "--userspec=65534:65534", root]
+    command = ["unshare", "--map-current-user", "--root"]
+    if subprocess.run([*command, "/", "true"], capture_output=True, check=False).returncode != 0:
+        pytest.skip("no user namespace can be made here")
+    return root, [*command, root]
+
+
+@impossible_under_translator("it is not in the root folder")
+@pytest.mark.parametrize("scheme", ["http", "https"])
+def test_a_root_without_any_other_file(tool, nginx, root, scheme):
+    root, enter = root
+    url = {"http": nginx.http_url, "https": nginx.https_url}[scheme]
+    page = (REPOSITORY / "server/site/page.html").read_bytes()
+    assert tool.run_command([*enter, "/webreq", "-web", url + "/page.html"]) == Answer(b"200\n" + page + b"\n")
+    assert os.listdir(root) == ["webreq"]
