@@ -43,8 +43,8 @@ TOOLS = {"release": 1.1, "static": 0.85}  # and the most that 32 MiB over TLS ma
 class Row:
     """A command, the answer that it is to give, and the seconds that its runs took."""
 
-    def __init__(self, name, command, answer, file=None, at_once=False):
-        self.name, self.command, self.answer, self.file, self.at_once = name, command, answer, file, at_once
+    def __init__(self, name, command, answer, file=None):
+        self.name, self.command, self.answer, self.file = name, command, answer, file
         self.times = []
 
     def measure(self, folder, runs):
@@ -60,14 +60,8 @@ class Row:
             stderr=subprocess.DEVNULL,
         )
         self.times += json.loads(report.read_text())["results"][0]["times"]
-        if not self.is_right(output.read_bytes()) or (self.file and not same_bytes(*self.file)):
+        if output.read_bytes() != self.answer or (self.file and not same_bytes(*self.file)):
             sys.exit(f"bench: wrong answer of {self.name}: {self.command[:200]}")
-
-    def is_right(self, output):
-        """The lines of runs at once mingle in any order."""
-        if self.at_once:
-            return sorted(output.splitlines()) == sorted(self.answer.splitlines())
-        return output == self.answer
 
     @property
     def median(self):
@@ -123,15 +117,12 @@ def peak_memory(row):
 
 
 def rows_at_once(url, page, runs):
-    """`runs` runs, 64 of them at a time, started by xargs; each answers on the standard output of all."""
-    answer = b"200\n" + page + b"\n"
-
-    def start(command):
-        return "sh -c " + shlex.quote(f"seq {runs} | xargs -P {AT_ONCE} -I % {command}")
-
+    """`runs` runs, 64 of them at a time, started by xargs; their lines mingle, and are sorted."""
+    commands = {"static": (webreq(STATIC, url), b"200\n" + page + b"\n"), "curl": (f"curl -s {url}", page)}
+    start = f"seq {runs} | xargs -P {AT_ONCE} -I % {{}} | LC_ALL=C sort"
     return [
-        Row("static", start(webreq(STATIC, url)), answer * runs, at_once=True),
-        Row("curl", start(f"curl -s {url}"), page * runs, at_once=True),
+        Row(name, "sh -c " + shlex.quote(start.format(command)), b"".join(sorted((answer * runs).splitlines(True))))
+        for name, (command, answer) in commands.items()
     ]
 
 

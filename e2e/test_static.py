@@ -24,26 +24,16 @@ def test_international_name_is_unknown(tool):
     assert tool.request("http://b\u00fccher.invalid/") == Answer(b"6\n")
 
 
-@pytest.fixture(name="root")
-def make_root(tmp_path):
-    """An empty root folder but for the tool, and a command that runs as an ordinary user there."""
-    root = tmp_path / "root"
-    root.mkdir()
-    shutil.copy(EXECUTABLE, root / "webreq")
-    root.chmod(0o555)
-    if os.geteuid() == 0:
-        return root, ["chroot", "--userspec=65534:65534", root]
-    command = ["unshare", "--map-current-user", "--root"]
-    if subprocess.run([*command, "/", "true"], capture_output=True, check=False).returncode != 0:
-        pytest.skip("no user namespace can be made here")
-    return root, [*command, root]
-
-
 @impossible_under_translator("it is not in the root folder")
 @pytest.mark.parametrize("scheme", ["http", "https"])
-def test_a_root_without_any_other_file(tool, nginx, root, scheme):
-    root, enter = root
-    url = {"http": nginx.http_url, "https": nginx.https_url}[scheme]
+def test_ordinary_user_in_a_root_folder_without_any_other_file(tool, tmp_path, nginx, scheme):
+    tmp_path.chmod(0o755)
+    shutil.copy(EXECUTABLE, tmp_path)
+    is_root = os.geteuid() == 0
+    enter = ["chroot", "--userspec=65534:65534"] if is_root else ["unshare", "--map-current-user", "--root"]
+    if subprocess.run([*enter, "/", "true"], capture_output=True, check=False).returncode != 0:
+        pytest.skip("no user namespace can be made here")
+    url = {"http": nginx.http_url, "https": nginx.https_url}[scheme] + "/page.html"
     page = (REPOSITORY / "server/site/page.html").read_bytes()
-    assert tool.run_command([*enter, "/webreq", "-web", url + "/page.html"]) == Answer(b"200\n" + page + b"\n")
-    assert os.listdir(root) == ["webreq"]
+    assert tool.run_command([*enter, tmp_path, "/webreq", "-web", url]) == Answer(b"200\n" + page + b"\n")
+    assert os.listdir(tmp_path) == ["webreq"]

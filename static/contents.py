@@ -104,7 +104,7 @@ def contents(version, executable):
 
 def document(version, executable):
     packages, relationships = contents(version, executable)
-    created = time.gmtime(int(os.environ.get("SOURCE_DATE_EPOCH", time.time())))
+    created = time.strftime("%FT%TZ", time.gmtime(int(os.environ.get("SOURCE_DATE_EPOCH", time.time()))))
     keys = ("spdxElementId", "relationshipType", "relatedSpdxElement")
     return {
         "spdxVersion": "SPDX-2.3",
@@ -112,10 +112,7 @@ def document(version, executable):
         "SPDXID": "SPDXRef-DOCUMENT",
         "name": f"webreq-static-{version}",
         "documentNamespace": f"https://spdx.org/spdxdocs/{uuid.uuid5(uuid.NAMESPACE_OID, json.dumps(packages))}",
-        "creationInfo": {
-            "created": time.strftime("%Y-%m-%dT%H:%M:%SZ", created),
-            "creators": ["Organization: The webreq authors"],
-        },
+        "creationInfo": {"created": created, "creators": ["Organization: The webreq authors"]},
         "packages": packages,
         "relationships": [dict(zip(keys, (identifier(a), kind, identifier(b)))) for a, kind, b in relationships],
     }
