@@ -245,26 +245,23 @@ def draw(output, folder, small, sizes):
 
 
 def machine():
-    def version(*command):
-        return subprocess.run(command, capture_output=True, text=True, check=True).stdout.split("\n")[0]
+    def version(words, *command):
+        said = subprocess.run(command, capture_output=True, text=True, check=True).stdout
+        return " ".join(said.split()[:words])
 
     model = re.search(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text())
     name = platform.freedesktop_os_release()["PRETTY_NAME"]
-    curl = " ".join(version("curl", "--version").split()[:2])
-    wget = " ".join(version("wget", "--version").split()[:3])
-    busybox = " ".join(version("busybox").split()[:2])
     return (
         f"Measured by `scripts/bench` on {datetime.date.today()}: {name}, Linux {platform.release().split('-')[0]}, "
         f"{os.cpu_count()} cores ({model.group(1).strip() if model else platform.machine()}), "
-        f"{curl}, {wget}, {busybox}; medians."
+        f"{version(2, 'curl', '--version')}, {version(3, 'wget', '--version')}, {version(2, 'busybox')}; medians."
     )
 
 
 def write(report):
     path = REPOSITORY / "docs/performance.md"
     begin, end = "<!-- scripts/bench writes from here -->\n", "<!-- to here -->\n"
-    before, rest = path.read_text().split(begin)
-    after = rest.split(end)[1]
+    before, _, after = re.split(f"(?s)({begin}.*{end})", path.read_text())
     path.write_text(before + begin + "\n" + machine() + "\n\n" + "\n".join(report.sections) + "\n" + end + after)
 
 

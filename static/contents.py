@@ -1,7 +1,4 @@
-"""Writes the list of what is in the static executable, SPDX 2.3: "contents.py VERSION EXECUTABLE LIST".
-
-Contents.cmake calls this when it has installed the executable.
-"""
+"""Writes the list of what is in the static executable, SPDX 2.3: "contents.py VERSION EXECUTABLE LIST"."""
 
 import hashlib
 import json
