@@ -55,8 +55,9 @@ http {{
 }}
 """
 
-MAKE_CERTIFICATE = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=127.0.0.1"
-MAKE_CERTIFICATE = [*MAKE_CERTIFICATE.split(), "-keyout", "key.pem", "-out", "certificate.pem"]
+# An ECDSA certificate. Older openssls, the Mac's too, need the curve's old name, and the word for its encoding.
+MAKE_CERTIFICATE = """openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1
+  -pkeyopt ec_param_enc:named_curve -nodes -subj /CN=127.0.0.1 -keyout key.pem -out certificate.pem""".split()
 
 # However this process ends, killed say.
 ENDS_WITH_US = ["setpriv", "--pdeathsig", "TERM"] if sys.platform == "linux" else []
