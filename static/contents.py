@@ -14,7 +14,7 @@ import uuid
 REPOSITORY = pathlib.Path(__file__).resolve().parent.parent
 ZIG = (REPOSITORY / "build/tools/bin/zig").resolve()
 
-# Each library's license, supplier, release and names in the NVD, which has none for LLVM's.
+# Each library's license, supplier, release, and names in the National Vulnerability Database, which has none of LLVM's.
 LLVM = ["Apache-2.0 WITH LLVM-exception", "The LLVM project", "github.com/llvm/llvm-project/releases/tag/llvmorg-{}"]
 LIBRARIES = {
     "curl": ["curl", "The curl project", "github.com/curl/curl/releases/tag/curl-{1}", "haxx:curl", "haxx:libcurl"],
@@ -42,8 +42,8 @@ def pinned_crates():
 
 def pinned_zig():
     """Its version, and the SHA-256 of each wheel."""
-    pin = re.search(r"^ziglang==(\S+)((?: \\\n.*)+)", (REPOSITORY / "deps/requirements.txt").read_text(), re.MULTILINE)
-    return pin[1], re.findall(r"sha256:(\w+)", pin[2])
+    pin = (REPOSITORY / "deps/requirements.txt").read_text().partition("ziglang==")[2].partition("\n#")[0]
+    return pin.split()[0], re.findall(r"sha256:(\w+)", pin)
 
 
 def version_in_zig(library):
