@@ -19,7 +19,7 @@ endif()
 file(CONFIGURE OUTPUT copyright CONTENT "${copyright}" @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/copyright DESTINATION ${documents})
 install(FILES CHANGELOG.md DESTINATION ${documents} RENAME changelog)
-install(FILES README.md DESTINATION ${documents})
+install(FILES README.md SECURITY.md DESTINATION ${documents})
 install(DIRECTORY docs examples DESTINATION ${documents} USE_SOURCE_PERMISSIONS PATTERN webreq.1 EXCLUDE)
 
 set(CPACK_GENERATOR DEB)

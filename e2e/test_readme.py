@@ -231,7 +231,8 @@ def anchors(text):
     return {re.sub(r"[^\w -]", "", heading.lower()).replace(" ", "-") for heading in headings}
 
 
-PAGES = ["README.md", "CONTRIBUTING.md", "docs/reliability.md", "docs/performance.md", "macos/README.md"]
+PAGES = ["README.md", "CONTRIBUTING.md", "SECURITY.md", "docs/reliability.md", "docs/performance.md"]
+PAGES += ["macos/README.md", "static/README.md"]
 
 
 @pytest.mark.parametrize("page", PAGES)

@@ -3,11 +3,14 @@
 scripts/serve runs this file, with the address of a server in HTTP_URL.
 """
 
+import hashlib
 import json
 import os
 import pathlib
+import re
 import subprocess
 import tarfile
+import urllib.parse
 
 import pytest
 
@@ -15,7 +18,7 @@ REPOSITORY = pathlib.Path(__file__).parent.parent
 PACKAGES = REPOSITORY / "build/packages"
 
 EXAMPLES = ["fan-out.sh", "fetch.cpp", "fetch.lua", "fetch.mjs", "fetch.py", "fetch.sh", "fetch.swift"]
-DOCUMENTS = ["README.md", "copyright", "docs/performance.md", "docs/performance.svg", "docs/reliability.md"]
+DOCUMENTS = "README.md SECURITY.md copyright docs/performance.md docs/performance.svg docs/reliability.md".split()
 
 # The command that runs what each has as bin/webreq; nothing here runs macOS's, but as the check macos does.
 DEBS = {"webreq_*_amd64.deb": [], "webreq-static_*_amd64.deb": [], "webreq-static_*_arm64.deb": ["qemu-aarch64"]}
@@ -57,6 +60,7 @@ def expected_listing(name, is_deb):
     files = [f"share/doc/{name}/{document}" for document in documents]
     files += ["bin/webreq", "share/man/man1/webreq.1" + ".gz" * is_deb]
     if name == "webreq-static":
+        files.append(f"share/doc/{name}/static/README.md")
         files += [f"share/doc/{name}/{name}.spdx.json", *[f"share/lintian/overrides/{name}"] * is_deb]
     return {file: ("0o755" if file.endswith((".sh", "bin/webreq")) else "0o644", 0, 0) for file in files}
 
@@ -131,17 +135,30 @@ for message in validate_full_spdx_document(json_parser.parse_from_file(sys.argv[
 
 
 @pytest.mark.parametrize("pattern", [pattern for pattern in [*DEBS, *ARCHIVES] if "static" in pattern])
-def test_list_of_linked_libraries(pattern, tmp_path):
-    unpack(find(pattern), tmp_path)
+def test_list_for_scanners(pattern, tmp_path):
+    executable = unpack(find(pattern), tmp_path)
     (path,) = tmp_path.glob("**/webreq-static.spdx.json")
     assert output(REPOSITORY / "build/tools/bin/python", "-c", VALIDATE, path) == b""
+    tool, *packages = json.loads(path.read_text())["packages"]
+    linked, fetched = packages[: len(LINKED)], packages[len(LINKED) :]
+    assert [package["name"] for package in linked] == LINKED
+    for package in [tool, *packages]:
+        (purl,) = [ref["referenceLocator"] for ref in package["externalRefs"] if ref["referenceType"] == "purl"]
+        assert purl.endswith(f"/{urllib.parse.quote(package['name'])}@{package['versionInfo']}")
+    told = output("strings", "--all", executable).decode()
+    versions = re.findall(r"^(?:libcurl/|clang version )?(\d+\.\d+\.\d+)", told, re.MULTILINE)
+    assert [each["name"] for each in linked if each["versionInfo"] not in versions] == ["musl"]
+    assert ("-DEV" in linked[0].get("comment", "")) == (f"libcurl/{linked[0]['versionInfo']}-DEV" in told)
+    assert all(each["supplier"] and each["downloadLocation"].startswith("https://") for each in linked)
+    assert sums([tool]) == [hashlib.sha256(executable.read_bytes()).hexdigest()]
     pins = "".join(pins.read_text() for pins in (REPOSITORY / "deps").glob("*.txt"))
-    copyright_file = path.with_name("copyright").read_text()
-    _, *libraries = json.loads(path.read_text())["packages"]
-    assert [library["name"] for library in libraries] == LINKED
-    for library in libraries:
-        assert f"Version {library['versionInfo']}." in copyright_file
-        assert library["checksums"] and all(sum["checksumValue"] in pins for sum in library["checksums"])
+    assert len(sums(fetched)) == 6 and all(sum in pins for sum in sums(fetched))  # four crates; zig for two processors
+    files = re.findall("^Files: (.*)", path.with_name("copyright").read_text(), re.MULTILINE)
+    assert " ".join(files).split() == ["*", "libcurl", *LINKED[1:]]
+
+
+def sums(packages):
+    return [checksum["checksumValue"] for package in packages for checksum in package["checksums"]]
 
 
 def field(package, name):

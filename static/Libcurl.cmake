@@ -1,16 +1,13 @@
 # libcurl with what the tool needs, and the libraries that it calls: AWS-LC for TLS, c-ares for names, nghttp2 for
-# HTTP/2; all from their sources. docs/performance.md says what is left out and what that means for a user.
+# HTTP/2; all from their sources. README.md here says what is left out.
 enable_language(C)
 
-# Of each library the newest that deps/sources.txt lists, in the folder where deps/fetch lays it down, or in the
-# one that -DWEBREQ_CURL_SOURCE=, -DWEBREQ_AWS_LC_SOURCE= and so on name.
+# Builds the newest version listed in deps/sources.txt, from the folder where deps/fetch lays it down, or the folder
+# that -DWEBREQ_CURL_SOURCE=, -DWEBREQ_AWS_LC_SOURCE= and so on name.
 file(STRINGS deps/sources.txt lines REGEX "^[^#]")
 foreach(line IN LISTS lines)
-  string(REGEX MATCH "^([^ ]+) +([^ ]+) +([^ ]+) +([^ ]+).* ([0-9a-f]+)$" name "${line}")
+  string(REGEX MATCH "^([^ ]+) +([^ ]+)" pin "${line}")
   set(${CMAKE_MATCH_1}_source ${PROJECT_SOURCE_DIR}/build/sources/${CMAKE_MATCH_1}-${CMAKE_MATCH_2})
-  set(${CMAKE_MATCH_1}_version ${CMAKE_MATCH_2})
-  set(${CMAKE_MATCH_1}_crate "${CMAKE_MATCH_3} ${CMAKE_MATCH_4}")
-  set(${CMAKE_MATCH_1}_sum ${CMAKE_MATCH_5})
 endforeach()
 foreach(library IN ITEMS curl aws-lc c-ares nghttp2)
   string(TOUPPER "WEBREQ_${library}_SOURCE" variable)

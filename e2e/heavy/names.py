@@ -1,7 +1,7 @@
 """Small worlds, in which the static executable and the one on glibc find the same addresses and ask DNS the same.
 
 "scripts/check static" runs it. Each world is made from its number, by which pytest's -k finds it again: "[17]". WORLDS
-says how many there are. What docs/performance.md lists as different is in none of them.
+says how many there are. What static/README.md lists as different is in none of them.
 """
 
 import os
