@@ -6,6 +6,8 @@ scripts/serve runs this file, with the address of a server in HTTP_URL.
 import json
 import os
 import pathlib
+import platform
+import re
 import subprocess
 import tarfile
 
@@ -15,15 +17,18 @@ REPOSITORY = pathlib.Path(__file__).parent.parent
 PACKAGES = REPOSITORY / "build/packages"
 
 EXAMPLES = ["fan-out.sh", "fetch.cpp", "fetch.lua", "fetch.mjs", "fetch.py", "fetch.sh", "fetch.swift"]
-DOCUMENTS = ["README.md", "copyright", "docs/performance.md", "docs/performance.svg", "docs/reliability.md"]
+DOCUMENTS = ["README.md", "docs/performance.md", "docs/performance.svg", "docs/reliability.md"]
 
-# The command that runs what each has as bin/webreq; nothing here runs macOS's, but as the check macos does.
-DEBS = {"webreq_*_amd64.deb": [], "webreq-static_*_amd64.deb": [], "webreq-static_*_arm64.deb": ["qemu-aarch64"]}
-ARCHIVES = {
-    "webreq-[0-9]*-linux-x86_64.tar.gz": [],
-    "webreq-static-*-linux-x86_64.tar.gz": [],
-    "webreq-static-*-linux-aarch64.tar.gz": ["qemu-aarch64"],
-}
+MACHINE = platform.machine()
+DEBIAN_NAMES = {"x86_64": "amd64", "aarch64": "arm64"}
+
+# The machine of each, and with it the command that runs what each has as bin/webreq; nothing here runs macOS's, but as
+# the check macos does.
+DEBS = {f"webreq_*_{DEBIAN_NAMES[MACHINE]}.deb": MACHINE}
+DEBS |= {f"webreq-static_*_{name}.deb": machine for machine, name in DEBIAN_NAMES.items()}
+RPMS = {f"webreq-static-*.{machine}.rpm": machine for machine in DEBIAN_NAMES}
+ARCHIVES = {f"webreq-[0-9]*-linux-{MACHINE}.tar.gz": MACHINE}
+ARCHIVES |= {f"webreq-static-*-linux-{machine}.tar.gz": machine for machine in DEBIAN_NAMES}
 MACOS = "webreq-*-macos-universal.tar.gz"
 
 
@@ -43,6 +48,9 @@ def open_tar(package, folder):
     if package.suffix == ".deb":
         (folder / "files.tar").write_bytes(output("dpkg-deb", "--fsys-tarfile", package))
         return tarfile.open(folder / "files.tar")
+    if package.suffix == ".rpm":
+        (folder / "files.tar.gz").write_bytes(subprocess.check_output(["rpm2archive", "-"], stdin=package.open()))
+        return tarfile.open(folder / "files.tar.gz")
     return tarfile.open(package)
 
 
@@ -51,13 +59,15 @@ def listing(tar):
     return {entry.name: (oct(entry.mode), entry.uid, entry.gid) for entry in tar if not entry.isdir()}
 
 
-def expected_listing(name, is_deb):
+def expected_listing(name, suffix):
     documents = [*DOCUMENTS, *(f"examples/{example}" for example in EXAMPLES)]
-    documents += ["changelog.gz", "changelog.Debian.gz"] if is_deb else ["changelog"]
-    files = [f"share/doc/{name}/{document}" for document in documents]
-    files += ["bin/webreq", "share/man/man1/webreq.1" + ".gz" * is_deb]
+    debian = ["copyright", "changelog.gz", "changelog.Debian.gz"]
+    documents += debian if suffix == ".deb" else ["CHANGELOG.md", "LICENSE"]
+    files = ["bin/webreq", "share/man/man1/webreq.1" + ".gz" * (suffix != ".gz")]
     if name == "webreq-static":
-        files += [f"share/doc/{name}/{name}.spdx.json", *[f"share/lintian/overrides/{name}"] * is_deb]
+        documents += [f"{name}.spdx.json", *["LICENSE.libraries"] * (suffix != ".deb")]
+        files += [f"share/lintian/overrides/{name}"] * (suffix == ".deb")
+    files += [f"share/doc/{name}/{document}" for document in documents]
     return {file: ("0o755" if file.endswith((".sh", "bin/webreq")) else "0o644", 0, 0) for file in files}
 
 
@@ -65,31 +75,47 @@ def name_of(package):
     return "webreq-static" if package.name.startswith("webreq-static") else "webreq"
 
 
-@pytest.mark.parametrize("pattern", [*DEBS, *ARCHIVES, MACOS])
+@pytest.mark.parametrize("pattern", [*DEBS, *RPMS, *ARCHIVES, MACOS])
 def test_files(pattern, tmp_path):
     package = find(pattern)
-    is_deb = package.suffix == ".deb"
-    prefix = "./usr/" if is_deb else package.name.removesuffix(".tar.gz") + "/"
+    prefix = package.name.removesuffix(".tar.gz") + "/" if package.suffix == ".gz" else "./usr/"
     with open_tar(package, tmp_path) as tar:
         assert {entry.mode for entry in tar if entry.isdir()} == {0o755}
-        expected = expected_listing(name_of(package), is_deb)
+        expected = expected_listing(name_of(package), package.suffix)
         assert listing(tar) == {prefix + file: facts for file, facts in expected.items()}
+
+
+# An RPM of whatever machine goes into a root of its own, which an ordinary user has where it is root.
+AS_ROOT = [] if os.geteuid() == 0 else ["unshare", "--map-root-user"]
+INSTALL_RPM = [*AS_ROOT, "rpm", "--force-debian", "--ignorearch", "--install"]
 
 
 def unpack(package, folder):
     """The path of the executable."""
-    with open_tar(package, folder) as tar:
-        tar.extractall(folder)
+    if package.suffix == ".rpm":
+        output(*INSTALL_RPM, "--root", folder, package)
+    else:
+        with open_tar(package, folder) as tar:
+            tar.extractall(folder)
     (executable,) = folder.glob("**/bin/webreq")
     return executable
 
 
-@pytest.mark.parametrize(["pattern", "command"], [*DEBS.items(), *ARCHIVES.items()])
-def test_a_request(pattern, command, tmp_path):
+@pytest.mark.parametrize(["pattern", "machine"], [*DEBS.items(), *RPMS.items(), *ARCHIVES.items()])
+def test_a_request(pattern, machine, tmp_path):
     executable = unpack(find(pattern), tmp_path)
     page = (REPOSITORY / "server/site/page.html").read_bytes()
-    request = [*command, executable, "-web", os.environ["HTTP_URL"] + "/page.html"]
+    emulator = [] if machine == MACHINE else [f"qemu-{machine}"]
+    request = [*emulator, executable, "-web", os.environ["HTTP_URL"] + "/page.html"]
     assert output(*request) == b"200\n" + page + b"\n"
+
+
+@pytest.mark.parametrize("pattern", [*DEBS, *RPMS, *ARCHIVES, MACOS])
+def test_links_lead_to_files_in_the_package(pattern, tmp_path):
+    pages = list(unpack(find(pattern), tmp_path).parent.parent.glob("share/doc/**/*.md"))
+    links = [(page, link) for page in pages for link in re.findall(r"\]\((?!https?:)([^)#]+)", page.read_text())]
+    assert len(links) > 10
+    assert [(page.name, link) for page, link in links if not (page.parent / link).exists()] == []
 
 
 def test_both_slices_for_macos(tmp_path):
@@ -99,11 +125,11 @@ def test_both_slices_for_macos(tmp_path):
     assert "2 architectures" in kind and "x86_64" in kind and "arm64" in kind
 
 
-@pytest.mark.parametrize("pattern", ["webreq_*_amd64.deb", "webreq-[0-9]*-linux-x86_64.tar.gz"])
+@pytest.mark.parametrize("pattern", [next(iter(DEBS)), next(iter(ARCHIVES))])
 def test_needed_libraries(pattern, tmp_path):
     dynamic = output("readelf", "--wide", "--dynamic", unpack(find(pattern), tmp_path)).decode()
     needed = [line.split("[")[1].rstrip("]") for line in dynamic.splitlines() if "(NEEDED)" in line]
-    assert sorted(needed) == ["ld-linux-x86-64.so.2", "libc.so.6", "libcurl.so.4"]
+    assert [name for name in sorted(needed) if not name.startswith("ld-linux")] == ["libc.so.6", "libcurl.so.4"]
 
 
 @pytest.mark.parametrize("pattern", DEBS)
@@ -118,6 +144,19 @@ def test_what_a_deb_says_of_itself(pattern):
     assert ("static and needs nothing" in description) == is_static
 
 
+@pytest.mark.parametrize(["pattern", "machine"], RPMS.items())
+def test_what_an_rpm_says_of_itself(pattern, machine):
+    query = "%{ARCH}|%{BUILDHOST}|%{PACKAGER}|%{VENDOR}|%{URL}|%{LICENSE}|%{DESCRIPTION}"
+    package = find(pattern)
+    said = output("rpm", "--query", "--package", "--queryformat", query, package).decode()
+    *said, license_, description = said.split("|")
+    authors = "The webreq authors"
+    assert said == [machine, "localhost", f"{authors} <webreq@example.org>", authors, "https://example.org/webreq"]
+    assert license_.startswith("MIT AND") and "static and needs nothing" in description
+    requirements = output("rpm", "--query", "--package", "--requires", package).decode().splitlines()
+    assert [name for name in requirements if not name.startswith("rpmlib(")] == []
+
+
 LINKED = ["curl", "aws-lc", "c-ares", "nghttp2", "musl", "libc++", "libc++abi", "libunwind", "compiler-rt"]
 
 # In the virtual environment of deps/fetch: prints what is wrong with an SPDX list.
@@ -130,17 +169,18 @@ for message in validate_full_spdx_document(json_parser.parse_from_file(sys.argv[
 """
 
 
-@pytest.mark.parametrize("pattern", [pattern for pattern in [*DEBS, *ARCHIVES] if "static" in pattern])
+@pytest.mark.parametrize("pattern", [pattern for pattern in [*DEBS, *RPMS, *ARCHIVES] if "static" in pattern])
 def test_list_of_linked_libraries(pattern, tmp_path):
     unpack(find(pattern), tmp_path)
     (path,) = tmp_path.glob("**/webreq-static.spdx.json")
     assert output(REPOSITORY / "build/tools/bin/python", "-c", VALIDATE, path) == b""
     pins = "".join(pins.read_text() for pins in (REPOSITORY / "deps").glob("*.txt"))
-    copyright_file = path.with_name("copyright").read_text()
+    (copyright_file,) = (*path.parent.glob("copyright"), *path.parent.glob("LICENSE.libraries"))
+    licenses = copyright_file.read_text()
     _, *libraries = json.loads(path.read_text())["packages"]
     assert [library["name"] for library in libraries] == LINKED
     for library in libraries:
-        assert f"Version {library['versionInfo']}." in copyright_file
+        assert f"Version {library['versionInfo']}." in licenses
         assert library["checksums"] and all(sum["checksumValue"] in pins for sum in library["checksums"])
 
 
