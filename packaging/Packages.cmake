@@ -47,13 +47,9 @@ if(EXISTS /etc/debian_version AND NOT WEBREQ_STATIC)  # its releases make packag
 endif()
 set(CPACK_DEBIAN_PACKAGE_SECTION web)
 if(CMAKE_CROSSCOMPILING)  # otherwise CPack asks dpkg
-  set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${CMAKE_SYSTEM_PROCESSOR})
-  foreach(name IN ITEMS x86_64=amd64 aarch64=arm64 armv7l=armhf i686=i386 ppc64le=ppc64el)
-    string(REGEX REPLACE "^${CMAKE_SYSTEM_PROCESSOR}=" "" name ${name})
-    if(NOT name MATCHES =)
-      set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${name})
-    endif()
-  endforeach()
+  string(REPLACE x86_64 amd64 name ${CMAKE_SYSTEM_PROCESSOR})
+  string(REPLACE aarch64 arm64 name ${name})
+  string(REPLACE armv7l armhf CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${name})
 endif()
 
 set(CPACK_RPM_FILE_NAME RPM-DEFAULT)

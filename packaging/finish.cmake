@@ -8,31 +8,10 @@ if(NOT DEFINED ENV{SOURCE_DATE_EPOCH})
 endif()
 set(ENV{WEBREQ_PACKAGER} ${CPACK_PACKAGE_CONTACT})  # for rpmbuild
 
-# The licence in the form of Debian's copyright files.
-function(write_copyright)
-  file(READ ${documents}/LICENSE license)
-  string(REGEX MATCH "Copyright \\(c\\) ([^\n]+)\n\n(.+)\n" license "${license}")
-  string(REPLACE "\n\n" "\n.\n" text "${CMAKE_MATCH_2}")
-  string(REPLACE "\n" "\n " text "${text}")
-  file(WRITE ${documents}/copyright "Format: https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/
-Upstream-Name: webreq
-
-Files: *
-Copyright: ${CMAKE_MATCH_1}
-License: Expat
-
-License: Expat
- ${text}
-")
-  if(CPACK_PACKAGE_NAME STREQUAL "webreq-static")
-    file(READ ${documents}/LICENSE.libraries libraries)
-    file(APPEND ${documents}/copyright "${libraries}")
-    file(REMOVE ${documents}/LICENSE.libraries)
-  endif()
-  file(REMOVE ${documents}/LICENSE)
-endfunction()
-
-function(write_changelog)
+if(CPACK_GENERATOR STREQUAL "DEB")
+  file(GLOB licenses ${documents}/LICENSE*)
+  execute_process(COMMAND cat ${licenses} OUTPUT_FILE ${documents}/copyright COMMAND_ERROR_IS_FATAL ANY)
+  file(REMOVE ${licenses})
   file(RENAME ${documents}/CHANGELOG.md ${documents}/changelog)
   string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)  # SOURCE_DATE_EPOCH's
   set(version ${CPACK_PACKAGE_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})
@@ -42,16 +21,10 @@ function(write_changelog)
 
  -- ${CPACK_PACKAGE_CONTACT}  ${date}
 ")
-endfunction()
-
-if(CPACK_GENERATOR STREQUAL "DEB")
-  write_copyright()
-  write_changelog()
   if(CPACK_PACKAGE_NAME STREQUAL "webreq-static")
+    # Position-independent and static: it looks like a shared library, and there are no libraries for it to name.
     file(WRITE ${share}/lintian/overrides/webreq-static
-      "# Position-independent and static: it looks like a shared library, and there are no libraries for it to name.
-webreq-static: shared-library-lacks-prerequisites [usr/bin/webreq]
-")
+      "webreq-static: shared-library-lacks-prerequisites [usr/bin/webreq]\n")
   endif()
 endif()
 execute_process(COMMAND chmod -R u=rwX,go=rX ${files} COMMAND_ERROR_IS_FATAL ANY)
