@@ -78,9 +78,11 @@ def test_with_ci_set_a_check_that_cannot_be_made_is_an_error(checkout, no_regist
     assert status == 1 and "no route to the registry" in said and "check: manual" not in said
 
 
-def test_unknown_check_names_all(checkout):
+def test_unknown_check_names_all_and_ci_runs_them(checkout):
     status, said = run(checkout, "scripts/check", "nonsense")
-    assert status == 2 and {"format", "libcurls", "fresh", "large"} <= set(said.split())
+    names = re.search("nonsense, but (.*) and large", said)[1].split()
+    in_ci = re.search(r"check: \[test, ([^]]*)\]", (REPOSITORY / ".github/workflows/ci.yml").read_text())[1]
+    assert status == 2 and sorted(names) == sorted(in_ci.replace(",", "").split())
 
 
 def test_package_that_cannot_be_made_is_named_and_keeps_the_old_one(checkout, no_registry):
