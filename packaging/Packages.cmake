@@ -33,6 +33,7 @@ set(CPACK_PACKAGE_VENDOR "The webreq authors")
 set(CPACK_PACKAGE_HOMEPAGE_URL https://example.org/webreq)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/finish.cmake)
+set(CPACK_DOCUMENTS ${documents})
 set(CPACK_SOURCE_DATE_EPOCH $ENV{SOURCE_DATE_EPOCH})
 set(CPACK_PACKAGE_DESCRIPTION "It is started by other programs, for which it performs a request that one
 argument describes. The answer, the result and the body of the response, is on

@@ -2,7 +2,7 @@
 # equal packages, and in Debian's what Debian wants of its packages.
 set(files ${CPACK_TEMPORARY_DIRECTORY})
 set(share ${files}/usr/share)
-set(documents ${share}/doc/${CPACK_PACKAGE_NAME})
+set(documents ${files}/usr/${CPACK_DOCUMENTS})
 if(NOT DEFINED ENV{SOURCE_DATE_EPOCH})
   set(ENV{SOURCE_DATE_EPOCH} ${CPACK_SOURCE_DATE_EPOCH})
 endif()
