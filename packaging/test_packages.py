@@ -119,17 +119,9 @@ def test_links_lead_to_files_in_the_package(pattern, tmp_path):
 
 
 def test_both_slices_for_macos(tmp_path):
-    executable = unpack(find(MACOS), tmp_path)
-    assert executable.read_bytes() == (REPOSITORY / "build/macos-universal/webreq").read_bytes()
-    kind = output("file", "--brief", executable).decode()
-    assert "2 architectures" in kind and "x86_64" in kind and "arm64" in kind
-
-
-@pytest.mark.parametrize("pattern", [next(iter(DEBS)), next(iter(ARCHIVES))])
-def test_needed_libraries(pattern, tmp_path):
-    dynamic = output("readelf", "--wide", "--dynamic", unpack(find(pattern), tmp_path)).decode()
-    needed = [line.split("[")[1].rstrip("]") for line in dynamic.splitlines() if "(NEEDED)" in line]
-    assert [name for name in sorted(needed) if not name.startswith("ld-linux")] == ["libc.so.6", "libcurl.so.4"]
+    universal = REPOSITORY / "build/macos-universal/webreq"
+    assert unpack(find(MACOS), tmp_path).read_bytes() == universal.read_bytes()
+    assert "2 architectures" in output("file", "--brief", universal).decode()
 
 
 @pytest.mark.parametrize("pattern", DEBS)
@@ -139,22 +131,27 @@ def test_what_a_deb_says_of_itself(pattern):
     description = " ".join(field(package, "Description").split())
     is_static = name_of(package) == "webreq-static"
     assert field(package, "Version").endswith("-1" if is_static else f"-1~deb{release}u1")
-    assert bool(field(package, "Depends")) != is_static
+    needed = re.sub(r"t64| \(.*?\)", "", field(package, "Depends"))  # Debian 13 has libcurl4t64
+    assert needed == ("" if is_static else "libc6, libcurl4")
     assert "Certificates are not verified." in description
     assert ("static and needs nothing" in description) == is_static
 
 
 @pytest.mark.parametrize(["pattern", "machine"], RPMS.items())
 def test_what_an_rpm_says_of_itself(pattern, machine):
-    query = "%{ARCH}|%{BUILDHOST}|%{PACKAGER}|%{VENDOR}|%{URL}|%{LICENSE}|%{DESCRIPTION}"
-    package = find(pattern)
-    said = output("rpm", "--query", "--package", "--queryformat", query, package).decode()
-    *said, license_, description = said.split("|")
-    authors = "The webreq authors"
-    assert said == [machine, "localhost", f"{authors} <webreq@example.org>", authors, "https://example.org/webreq"]
-    assert license_.startswith("MIT AND") and "static and needs nothing" in description
-    requirements = output("rpm", "--query", "--package", "--requires", package).decode().splitlines()
-    assert [name for name in requirements if not name.startswith("rpmlib(")] == []
+    tags = ["ARCH", "BUILDHOST", "PACKAGER", "VENDOR", "URL", "LICENSE", "DESCRIPTION"]
+    query = ["rpm", "--query", "--package", find(pattern)]
+    *said, license_, description = output(*query, "--queryformat", "|".join(f"%{{{tag}}}" for tag in tags)).split(b"|")
+    authors = b"The webreq authors"
+    assert said == [
+        machine.encode(),
+        b"localhost",
+        authors + b" <webreq@example.org>",
+        authors,
+        b"https://example.org/webreq",
+    ]
+    assert license_.startswith(b"MIT AND") and b"static and needs nothing" in description
+    assert all(need.startswith(b"rpmlib(") for need in output(*query, "--requires").splitlines())
 
 
 LINKED = ["curl", "aws-lc", "c-ares", "nghttp2", "musl", "libc++", "libc++abi", "libunwind", "compiler-rt"]
