@@ -47,7 +47,7 @@ if(NOT inputs)
       -fno-lto -fPIE -fstrip -lc++ -lc --verbose-link -femit-bin=${empty} ${empty}.cpp
     WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
     ERROR_VARIABLE command_lines ERROR_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
-  string(REGEX MATCH "[^\n]+$" command_line "${command_lines}")
+  string(REGEX REPLACE ".*\n" "" command_line "${command_lines}")
   string(REGEX MATCHALL "/o/[0-9a-f]+/[+_a-z0-9]+\\.[ao]" inputs "${command_line}")
   list(TRANSFORM inputs REPLACE ".+/empty.o" "<OBJECTS> <LINK_LIBRARIES>")
   list(TRANSFORM inputs REPLACE "^/.+" "\"${cache}\\0\"")

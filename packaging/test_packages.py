@@ -7,6 +7,7 @@ import hashlib
 import json
 import os
 import pathlib
+import platform
 import re
 import subprocess
 import tarfile
@@ -18,15 +19,18 @@ REPOSITORY = pathlib.Path(__file__).parent.parent
 PACKAGES = REPOSITORY / "build/packages"
 
 EXAMPLES = ["fan-out.sh", "fetch.cpp", "fetch.lua", "fetch.mjs", "fetch.py", "fetch.sh", "fetch.swift"]
-DOCUMENTS = "README.md SECURITY.md copyright docs/performance.md docs/performance.svg docs/reliability.md".split()
+DOCUMENTS = "README.md SECURITY.md docs/performance.md docs/performance.svg docs/reliability.md static/README.md".split()
 
-# The command that runs what each has as bin/webreq; nothing here runs macOS's, but as the check macos does.
-DEBS = {"webreq_*_amd64.deb": [], "webreq-static_*_amd64.deb": [], "webreq-static_*_arm64.deb": ["qemu-aarch64"]}
-ARCHIVES = {
-    "webreq-[0-9]*-linux-x86_64.tar.gz": [],
-    "webreq-static-*-linux-x86_64.tar.gz": [],
-    "webreq-static-*-linux-aarch64.tar.gz": ["qemu-aarch64"],
-}
+MACHINE = platform.machine()
+DEBIAN_NAMES = {"x86_64": "amd64", "aarch64": "arm64"}
+
+# The machine of each, and with it the command that runs what each has as bin/webreq; nothing here runs macOS's, but as
+# the check macos does.
+DEBS = {f"webreq_*_{DEBIAN_NAMES[MACHINE]}.deb": MACHINE}
+DEBS |= {f"webreq-static_*_{name}.deb": machine for machine, name in DEBIAN_NAMES.items()}
+RPMS = {f"webreq-static-*.{machine}.rpm": machine for machine in DEBIAN_NAMES}
+ARCHIVES = {f"webreq-[0-9]*-linux-{MACHINE}.tar.gz": MACHINE}
+ARCHIVES |= {f"webreq-static-*-linux-{machine}.tar.gz": machine for machine in DEBIAN_NAMES}
 MACOS = "webreq-*-macos-universal.tar.gz"
 
 
@@ -46,6 +50,9 @@ def open_tar(package, folder):
     if package.suffix == ".deb":
         (folder / "files.tar").write_bytes(output("dpkg-deb", "--fsys-tarfile", package))
         return tarfile.open(folder / "files.tar")
+    if package.suffix == ".rpm":
+        (folder / "files.tar.gz").write_bytes(subprocess.check_output(["rpm2archive", "-"], stdin=package.open()))
+        return tarfile.open(folder / "files.tar.gz")
     return tarfile.open(package)
 
 
@@ -54,14 +61,15 @@ def listing(tar):
     return {entry.name: (oct(entry.mode), entry.uid, entry.gid) for entry in tar if not entry.isdir()}
 
 
-def expected_listing(name, is_deb):
+def expected_listing(name, suffix):
     documents = [*DOCUMENTS, *(f"examples/{example}" for example in EXAMPLES)]
-    documents += ["changelog.gz", "changelog.Debian.gz"] if is_deb else ["changelog"]
-    files = [f"share/doc/{name}/{document}" for document in documents]
-    files += ["bin/webreq", "share/man/man1/webreq.1" + ".gz" * is_deb]
+    debian = ["copyright", "changelog.gz", "changelog.Debian.gz"]
+    documents += debian if suffix == ".deb" else ["CHANGELOG.md", "LICENSE"]
+    files = ["bin/webreq", "share/man/man1/webreq.1" + ".gz" * (suffix != ".gz")]
     if name == "webreq-static":
-        files.append(f"share/doc/{name}/static/README.md")
-        files += [f"share/doc/{name}/{name}.spdx.json", *[f"share/lintian/overrides/{name}"] * is_deb]
+        documents += [f"{name}.spdx.json", *["LICENSE.libraries"] * (suffix != ".deb")]
+        files += [f"share/lintian/overrides/{name}"] * (suffix == ".deb")
+    files += [f"share/doc/{name}/{document}" for document in documents]
     return {file: ("0o755" if file.endswith((".sh", "bin/webreq")) else "0o644", 0, 0) for file in files}
 
 
@@ -69,45 +77,53 @@ def name_of(package):
     return "webreq-static" if package.name.startswith("webreq-static") else "webreq"
 
 
-@pytest.mark.parametrize("pattern", [*DEBS, *ARCHIVES, MACOS])
+@pytest.mark.parametrize("pattern", [*DEBS, *RPMS, *ARCHIVES, MACOS])
 def test_files(pattern, tmp_path):
     package = find(pattern)
-    is_deb = package.suffix == ".deb"
-    prefix = "./usr/" if is_deb else package.name.removesuffix(".tar.gz") + "/"
+    prefix = package.name.removesuffix(".tar.gz") + "/" if package.suffix == ".gz" else "./usr/"
     with open_tar(package, tmp_path) as tar:
         assert {entry.mode for entry in tar if entry.isdir()} == {0o755}
-        expected = expected_listing(name_of(package), is_deb)
+        expected = expected_listing(name_of(package), package.suffix)
         assert listing(tar) == {prefix + file: facts for file, facts in expected.items()}
+
+
+# An RPM of whatever machine goes into a root of its own, which an ordinary user has where it is root.
+AS_ROOT = [] if os.geteuid() == 0 else ["unshare", "--map-root-user"]
+INSTALL_RPM = [*AS_ROOT, "rpm", "--force-debian", "--ignorearch", "--install"]
 
 
 def unpack(package, folder):
     """The path of the executable."""
-    with open_tar(package, folder) as tar:
-        tar.extractall(folder)
+    if package.suffix == ".rpm":
+        output(*INSTALL_RPM, "--root", folder, package)
+    else:
+        with open_tar(package, folder) as tar:
+            tar.extractall(folder)
     (executable,) = folder.glob("**/bin/webreq")
     return executable
 
 
-@pytest.mark.parametrize(["pattern", "command"], [*DEBS.items(), *ARCHIVES.items()])
-def test_a_request(pattern, command, tmp_path):
+@pytest.mark.parametrize(["pattern", "machine"], [*DEBS.items(), *RPMS.items(), *ARCHIVES.items()])
+def test_a_request(pattern, machine, tmp_path):
     executable = unpack(find(pattern), tmp_path)
     page = (REPOSITORY / "server/site/page.html").read_bytes()
-    request = [*command, executable, "-web", os.environ["HTTP_URL"] + "/page.html"]
+    emulator = [] if machine == MACHINE else [f"qemu-{machine}"]
+    request = [*emulator, executable, "-web", os.environ["HTTP_URL"] + "/page.html"]
     assert output(*request) == b"200\n" + page + b"\n"
 
 
+@pytest.mark.parametrize("pattern", [*DEBS, *RPMS, *ARCHIVES, MACOS])
+def test_links_lead_to_files_in_the_package(pattern, tmp_path):
+    pages = list(unpack(find(pattern), tmp_path).parent.parent.glob("share/doc/**/*.md"))
+    links = [(page, link) for page in pages for link in re.findall(r"\]\((?!https?:)([^)#]+)", page.read_text())]
+    assert len(links) > 10
+    assert [(page.name, link) for page, link in links if not (page.parent / link).exists()] == []
+
+
 def test_both_slices_for_macos(tmp_path):
-    executable = unpack(find(MACOS), tmp_path)
-    assert executable.read_bytes() == (REPOSITORY / "build/macos-universal/webreq").read_bytes()
-    kind = output("file", "--brief", executable).decode()
-    assert "2 architectures" in kind and "x86_64" in kind and "arm64" in kind
-
-
-@pytest.mark.parametrize("pattern", ["webreq_*_amd64.deb", "webreq-[0-9]*-linux-x86_64.tar.gz"])
-def test_needed_libraries(pattern, tmp_path):
-    dynamic = output("readelf", "--wide", "--dynamic", unpack(find(pattern), tmp_path)).decode()
-    needed = [line.split("[")[1].rstrip("]") for line in dynamic.splitlines() if "(NEEDED)" in line]
-    assert sorted(needed) == ["ld-linux-x86-64.so.2", "libc.so.6", "libcurl.so.4"]
+    universal = REPOSITORY / "build/macos-universal/webreq"
+    assert unpack(find(MACOS), tmp_path).read_bytes() == universal.read_bytes()
+    assert "2 architectures" in output("file", "--brief", universal).decode()
 
 
 @pytest.mark.parametrize("pattern", DEBS)
@@ -117,9 +133,27 @@ def test_what_a_deb_says_of_itself(pattern):
     description = " ".join(field(package, "Description").split())
     is_static = name_of(package) == "webreq-static"
     assert field(package, "Version").endswith("-1" if is_static else f"-1~deb{release}u1")
-    assert bool(field(package, "Depends")) != is_static
+    needed = re.sub(r"t64| \(.*?\)", "", field(package, "Depends"))  # Debian 13 has libcurl4t64
+    assert needed == ("" if is_static else "libc6, libcurl4")
     assert "Certificates are not verified." in description
     assert ("static and needs nothing" in description) == is_static
+
+
+@pytest.mark.parametrize(["pattern", "machine"], RPMS.items())
+def test_what_an_rpm_says_of_itself(pattern, machine):
+    tags = ["ARCH", "BUILDHOST", "PACKAGER", "VENDOR", "URL", "LICENSE", "DESCRIPTION"]
+    query = ["rpm", "--query", "--package", find(pattern)]
+    *said, license_, description = output(*query, "--queryformat", "|".join(f"%{{{tag}}}" for tag in tags)).split(b"|")
+    authors = b"The webreq authors"
+    assert said == [
+        machine.encode(),
+        b"localhost",
+        authors + b" <webreq@example.org>",
+        authors,
+        b"https://example.org/webreq",
+    ]
+    assert license_.startswith(b"MIT AND") and b"static and needs nothing" in description
+    assert all(need.startswith(b"rpmlib(") for need in output(*query, "--requires").splitlines())
 
 
 LINKED = ["curl", "aws-lc", "c-ares", "nghttp2", "musl", "libc++", "libc++abi", "libunwind", "compiler-rt"]
@@ -134,7 +168,7 @@ for message in validate_full_spdx_document(json_parser.parse_from_file(sys.argv[
 """
 
 
-@pytest.mark.parametrize("pattern", [pattern for pattern in [*DEBS, *ARCHIVES] if "static" in pattern])
+@pytest.mark.parametrize("pattern", [pattern for pattern in [*DEBS, *RPMS, *ARCHIVES] if "static" in pattern])
 def test_list_for_scanners(pattern, tmp_path):
     executable = unpack(find(pattern), tmp_path)
     (path,) = tmp_path.glob("**/webreq-static.spdx.json")
@@ -153,8 +187,9 @@ def test_list_for_scanners(pattern, tmp_path):
     assert sums([tool]) == [hashlib.sha256(executable.read_bytes()).hexdigest()]
     pins = "".join(pins.read_text() for pins in (REPOSITORY / "deps").glob("*.txt"))
     assert len(sums(fetched)) == 6 and all(sum in pins for sum in sums(fetched))  # four crates; zig for two processors
-    files = re.findall("^Files: (.*)", path.with_name("copyright").read_text(), re.MULTILINE)
-    assert " ".join(files).split() == ["*", "libcurl", *LINKED[1:]]
+    (licenses,) = (*path.parent.glob("copyright"), *path.parent.glob("LICENSE.libraries"))
+    files = re.findall("^Files: (.*)", licenses.read_text(), re.MULTILINE)
+    assert " ".join(files).split() == ["libcurl", *LINKED[1:]]
 
 
 def sums(packages):

@@ -4,6 +4,7 @@ leave alone. scripts/check scripts runs this file."""
 import os
 import pathlib
 import re
+import shutil
 import signal
 import subprocess
 
@@ -77,9 +78,11 @@ def test_with_ci_set_a_check_that_cannot_be_made_is_an_error(checkout, no_regist
     assert status == 1 and "no route to the registry" in said and "check: manual" not in said
 
 
-def test_unknown_check_names_all(checkout):
+def test_unknown_check_names_all_and_ci_runs_them(checkout):
     status, said = run(checkout, "scripts/check", "nonsense")
-    assert status == 2 and {"format", "libcurls", "fresh"} <= set(said.split())
+    names = re.search("nonsense, but (.*)", said)[1].split()
+    in_ci = re.search(r"check: \[test, ([^]]*)\]", (REPOSITORY / ".github/workflows/ci.yml").read_text())[1]
+    assert status == 2 and sorted(names) == sorted(in_ci.replace(",", "").split())
 
 
 def test_package_that_cannot_be_made_is_named_and_keeps_the_old_one(checkout, no_registry):
@@ -105,6 +108,26 @@ def test_file_of_tests_that_is_not_listed_is_refused(checkout):
     (checkout / "text/new_test.cpp").touch()
     status, said = run(checkout, "cmake", "--preset", "release")
     assert status == 1 and "e2e/test_new.py;text/new_test.cpp" in said
+
+
+def test_configuring_names_all_that_the_tests_lack(checkout):
+    ignored = os.environ["PATH"].replace(":", ";") + ";/usr/sbin"
+    found = [
+        f"-DCMAKE_{name}={shutil.which(path)}" for name, path in (("MAKE_PROGRAM", "ninja"), ("CXX_COMPILER", "c++"))
+    ]
+    without = [f"-DCMAKE_IGNORE_PATH={ignored}", "-DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON"]
+    status, said = run(checkout, "cmake", "--preset", "release", *found, *without)
+    modules = [f"Python's {name}" for name in ("xdist", "trustme", "h2", "dns", "cryptography")]
+    expected = ", ".join(["pytest", "nginx", "faketime", "strace", *modules, "GoogleTest"])
+    assert status == 1 and expected in " ".join(said.split())
+
+
+def test_package_is_labelled_with_the_machine_that_it_is_for(checkout):
+    other = [*["-D", "CMAKE_SYSTEM_NAME=Linux"], *["-D", "CMAKE_SYSTEM_PROCESSOR=aarch64"]]
+    status, said = run(checkout, "cmake", "-B", "build/other", *other)
+    assert status == 0, said
+    configuration = (checkout / "build/other/CPackConfig.cmake").read_text()
+    assert re.findall("ACKAGE_ARCHITECTURE (.*)", configuration) == ['"arm64")', '"aarch64")']
 
 
 def test_demo_takes_an_output_file_from_where_it_is_called(tmp_path):

@@ -15,7 +15,6 @@ import tempfile
 
 PROGRAM = shutil.which("nginx", path=os.environ["PATH"] + ":/usr/sbin")
 SITE = pathlib.Path(__file__).resolve().parent / "site"
-BUILD = SITE.parent.parent / "build"  # where whatever a killed process left behind lies in nobody's way
 
 # The ports in the examples of README and manual page.
 HTTP_PORT, HTTPS_PORT = 8080, 8443
@@ -82,8 +81,7 @@ class Nginx:
     def __init__(self, root=SITE, http_port=0, https_port=0):
         self.root = root
         self._process = None
-        BUILD.mkdir(exist_ok=True)
-        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="nginx-", dir=BUILD))
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="nginx-"))
         try:
             self._start(*(socket.create_server(("127.0.0.1", port), backlog=511) for port in (http_port, https_port)))
             self._await_answer()

@@ -6,4 +6,3 @@ install(CODE "execute_process(
     \"${PROJECT_BINARY_DIR}/webreq-static.spdx.json\"
   COMMAND_ERROR_IS_FATAL ANY)")
 install(FILES ${PROJECT_BINARY_DIR}/webreq-static.spdx.json DESTINATION ${documents})
-install(FILES static/README.md DESTINATION ${documents}/static)
