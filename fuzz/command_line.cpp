@@ -343,7 +343,7 @@ std::string expanded(const std::uint8_t* begin, const std::uint8_t* end) {
 Case readCase(const std::uint8_t* data, std::size_t size) {
   const auto bit = [&](unsigned int number) { return (data[1] >> number & 1U) != 0; };
   Case input;
-  input.writeSize = (data[0] + 1U) * (data[0] + 1U);
+  input.writeSize = (std::size_t{data[0]} + 1) * (data[0] + 1U);
   for (const unsigned int descriptor : {0U, 1U, 2U}) input.closed[descriptor] = bit(descriptor);
   input.hasDevNull = !bit(3);
   input.opensOutputFile = !bit(4);
