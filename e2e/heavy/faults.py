@@ -14,7 +14,6 @@ import re
 import signal
 import subprocess
 import sys
-import time
 
 import libcurl
 import name_server
@@ -25,6 +24,9 @@ from nginx import Nginx
 
 LINKED = [*filter(None, [TRANSLATOR]), BUILD / "webreq_failing_malloc"]
 PAGE = bytes(range(256)) * 400  # libcurl delivers it in several chunks
+
+FIELDS = "|q=1|g|X-A: 1\rX-B:\\s2|Me/1.0|2000|"
+LIMIT = 20  # seconds, after which a run hangs: the request has 4, all else takes milliseconds
 
 EVERY = int(os.environ.get("EVERY", "1"))
 
@@ -54,7 +56,7 @@ def serve_page(tmp_path_factory):
         yield server.http_url + "/page"
 
 
-def run_with_failures(tool, first, last, arguments, limit=60, enter=()):
+def run_with_failures(tool, first, last, arguments, enter=()):
     """Returns the answer, None if the run hangs, and the size of allocation `first`, None if the run made fewer.
     `enter` begins the command."""
     reader, writer = os.pipe()
@@ -64,7 +66,7 @@ def run_with_failures(tool, first, last, arguments, limit=60, enter=()):
     with open(reader, "rb") as report:
         command = [*enter, *(LINKED if IS_STATIC else [WEBREQ]), *arguments]
         try:
-            answer = tool.run_command(command, env={**ENVIRONMENT, **failures}, pass_fds=[writer], timeout=limit)
+            answer = tool.run_command(command, env={**ENVIRONMENT, **failures}, pass_fds=[writer], timeout=LIMIT)
         except subprocess.TimeoutExpired:
             answer = None
         os.close(writer)
@@ -72,22 +74,11 @@ def run_with_failures(tool, first, last, arguments, limit=60, enter=()):
         return answer, int.from_bytes(size, sys.byteorder) if size else None
 
 
-def measure_limit(pool, tool, arguments, enter):
-    """Seconds after which a run hangs: twice what its time-out allows, many times what runs without failures take."""
-
-    def measure(number):
-        start = time.monotonic()
-        run_with_failures(tool, 0, 0, arguments(number), enter=enter)
-        return time.monotonic() - start
-
-    return 2 * TIME_OUT + 100 * max(pool.map(measure, range(-20, 0)))
-
-
-def count_allocations(tool, arguments, limit, enter):
+def count_allocations(tool, arguments, enter):
     """How many a run makes, give or take those that depend on how its answer arrives."""
 
     def makes_fewer(number):
-        return run_with_failures(tool, number, number, arguments(number), limit, enter)[1] is None
+        return run_with_failures(tool, number, number, arguments(number), enter)[1] is None
 
     return bisect.bisect_left(range(100_000), True, lo=1, key=makes_fewer) - 1
 
@@ -110,15 +101,14 @@ def fail_each(tool, alone, arguments, check, enter=()):
     many failed."""
 
     def run(number):
-        answer, size = run_with_failures(tool, number, number if alone else 10**9, arguments(number), limit, enter)
+        answer, size = run_with_failures(tool, number, number if alone else 10**9, arguments(number), enter)
         end = end_without_answer(answer)
         if end is None:
             check(answer, number)
         return end, size
 
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        limit = measure_limit(pool, tool, arguments, enter)
-        total = count_allocations(tool, arguments, limit, enter)
+        total = count_allocations(tool, arguments, enter)
         numbers = [*range(1, 31), *range(31, total - 80, EVERY), *range(max(31, total - 80), total + 20)]
         failed = [(end, size) for end, size in pool.map(run, numbers) if size is not None]
     assert len(failed) < len(numbers)  # the last runs had none left to fail
@@ -144,38 +134,29 @@ def result_and_body(output):
     return int(result), body or b""
 
 
-def check_result(result, body):
-    """A status stands for the whole body, everything else for what of it had arrived."""
-    assert result in (-1, 200) or 0 < result <= 99
-    assert body == PAGE if result == 200 else PAGE.startswith(body)
-
-
-TIME_OUT = 4  # seconds for the whole request
-fields = "|q=1|g|X-A: 1\rX-B:\\s2|Me/1.0|2000|"
-
 alone_or_not = pytest.mark.parametrize("alone", [True, False], ids=["alone", "from then on"])
 
 
 @alone_or_not
-def test_body_on_standard_output(tool, page_url, alone):
-    def check(answer, _):
-        assert answer[1:] == Answer(b"")[1:]
-        check_result(*result_and_body(answer.stdout))
+@pytest.mark.parametrize("in_a_file", [False, True], ids=["standard output", "file"])
+def test_body(tool, tmp_path, page_url, in_a_file, alone):
+    """A status stands for the whole body, everything else for what of it had arrived."""
 
-    assert fail_each(tool, alone, lambda _: ["-web", page_url + fields], check) >= FEWEST
-
-
-@alone_or_not
-def test_body_in_a_file(tool, tmp_path, page_url, alone):
     def check(answer, number):
         assert answer[1:] == Answer(b"")[1:]
-        result, nothing = result_and_body(answer.stdout)
-        assert nothing == b""
-        output_file = tmp_path / str(number)
-        check_result(result, output_file.read_bytes() if output_file.exists() else b"")
-        output_file.unlink(missing_ok=True)
+        result, body = result_and_body(answer.stdout)
+        if in_a_file:
+            assert body == b""
+            output_file = tmp_path / str(number)
+            body = output_file.read_bytes() if output_file.exists() else b""
+            output_file.unlink(missing_ok=True)
+        assert result in (-1, 200) or 0 < result <= 99
+        assert body == PAGE if result == 200 else PAGE.startswith(body)
 
-    assert fail_each(tool, alone, lambda number: ["-web", f"{page_url}{fields}{number}"], check) >= FEWEST
+    def arguments(number):
+        return ["-web", f"{page_url}{FIELDS}{number if in_a_file else ''}"]
+
+    assert fail_each(tool, alone, arguments, check) >= FEWEST
 
 
 BY_IPV4 = {"host.two.": ["A 127.0.0.1"], "host.three.": ["AAAA ::1"]}
