@@ -16,7 +16,7 @@ if not own_network.is_possible():
     pytest.skip(own_network.REASON, allow_module_level=True)
 
 import name_server
-from name_server import FILES, dropping, everywhere, is_for, refused, silent, zone
+from name_server import FILES, dropping, everywhere, failing, is_for, refused, silent, zone
 
 HERE = {"host.test.": ["A 127.0.0.1"]}
 
@@ -132,6 +132,18 @@ def test_search_domains(request_by_name, host, records, answer, names):
     """One after the other, up to a name that has an address, of whatever family."""
     found = request_by_name(f"http://{host}/", zone(records), resolv_conf="search one two\nnameserver 127.0.0.1\n")
     assert found == (answer, [f"{name} A AAAA" for name in names])
+
+
+@one_look_up
+def test_search_goes_on_after_a_failure(request_by_name):
+    """Even if the second name server, asked for another answer, isn't there."""
+
+    def name_server(query, transport):
+        is_one = query.question[0].name.to_text() == "host.one."
+        return (failing("SERVFAIL") if is_one else zone({"host.two.": ["A 127.0.0.1"]}))(query, transport)
+
+    servers = "search one two\nnameserver 127.0.0.1\nnameserver 127.0.0.3\noptions attempts:1\n"
+    assert request_by_name("http://host/|||||30000", name_server, resolv_conf=servers)[0] == FOUND
 
 
 # Name servers that are not as they should be.

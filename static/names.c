@@ -71,7 +71,7 @@ static void end(Lookup* lookup, bool fromFile) {
   free(lookup);
 }
 
-// The next search domain may have an address, as in the C library; after any other failure it is the name alone.
+// The next search domain is asked, as in the C library; after any other failure only the name without one.
 static bool maySearchOn(int status) {
   return status == ARES_ENOTFOUND || status == ARES_ENODATA || status == ARES_ESERVFAIL || status == ARES_ECONNREFUSED;
 }
@@ -85,13 +85,13 @@ static void takeAnswer(void* argument, int status, int timeouts, struct ares_add
   question->status = status;
   if (status == ARES_SUCCESS) answer(question, status, addresses);
   const bool isOver = status == ARES_ENOMEM || status == ARES_EDESTRUCTION || status == ARES_ECANCELLED;
-  if (isOver) lookup->nextName = lookup->nameCount;
+  if (isOver) lookup->nextName = lookup->nameCount;  // c-ares can't be asked any more
   if (--lookup->open > 0) return;
-  const int six = lookup->questions[0].status, four = lookup->questions[1].status;
-  const bool found = six == ARES_SUCCESS || four == ARES_SUCCESS;
+  const int ipv6 = lookup->questions[0].status, ipv4 = lookup->questions[1].status;
+  const bool found = ipv6 == ARES_SUCCESS || ipv4 == ARES_SUCCESS;
   const bool isLast = lookup->nextName == lookup->nameCount;
-  if (!isLast && lookup->nextName > lookup->plainIsFirst && !maySearchOn(six) && !maySearchOn(four)) {
-    lookup->nextName = lookup->nameCount - !lookup->plainIsFirst;  // past the other domains
+  if (!isLast && lookup->nextName > lookup->plainIsFirst && !maySearchOn(ipv6) && !maySearchOn(ipv4)) {
+    lookup->nextName = lookup->nameCount - !lookup->plainIsFirst;  // skips the other domains
   }
   if (!found && lookup->nextName < lookup->nameCount) {
     ask(lookup);
