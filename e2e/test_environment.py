@@ -19,6 +19,7 @@ NO_PROXIES = ["no_proxy", "NO_PROXY"]
 def test_each_variable_of_the_manual_page_has_a_test():
     documented = re.findall(r"^\.It Ev (.*)", (REPOSITORY / "docs/webreq.1").read_text(), re.MULTILINE)
     tested = {*PROXIES["http"], *PROXIES["https"], *NO_PROXIES, "SSLKEYLOGFILE", "OPENSSL_CONF"}
+    tested |= {"LOCALDOMAIN", "RES_OPTIONS", "HOSTALIASES"}  # by test_resolver.py
     assert set(" , ".join(documented).split(" , ")) == tested
 
 

@@ -135,6 +135,25 @@ def test_search_domains(request_by_name, host, records, answer, names):
 
 
 @one_look_up
+@pytest.mark.parametrize(
+    "variable, value, host, found",
+    [
+        ("LOCALDOMAIN", "two", "host", "host.two."),
+        ("RES_OPTIONS", "ndots:2", "host.test", "host.test.one."),
+        ("HOSTALIASES", "aliases", "host", "other.test."),
+    ],
+)
+def test_environment_leads_elsewhere(request_by_name, tmp_path, variable, value, host, found):
+    (tmp_path / "aliases").write_text("host other.test\n")
+    options = {
+        "variables": {variable: value.replace("aliases", str(tmp_path / "aliases"))},
+        "resolv_conf": "search one\nnameserver 127.0.0.1\n",
+    }
+    answer = zone({found: ["A 127.0.0.1"]})
+    assert request_by_name(f"http://{host}/", answer, **options) == (FOUND, [f"{found} A AAAA"])
+
+
+@one_look_up
 def test_search_goes_on_after_a_failure(request_by_name):
     """Even if the second name server, asked for another answer, isn't there."""
 
