@@ -19,7 +19,9 @@ REPOSITORY = pathlib.Path(__file__).parent.parent
 PACKAGES = REPOSITORY / "build/packages"
 
 EXAMPLES = ["fan-out.sh", "fetch.cpp", "fetch.lua", "fetch.mjs", "fetch.py", "fetch.sh", "fetch.swift"]
-DOCUMENTS = "README.md SECURITY.md docs/performance.md docs/performance.svg docs/reliability.md static/README.md".split()
+DOCUMENTS = (
+    "README.md SECURITY.md docs/performance.md docs/performance.svg docs/reliability.md static/README.md".split()
+)
 
 MACHINE = platform.machine()
 DEBIAN_NAMES = {"x86_64": "amd64", "aarch64": "arm64"}
