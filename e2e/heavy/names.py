@@ -30,7 +30,7 @@ RECORDS += [["A 127.0.0.6", "A 127.0.0.4"], ["A 0.0.0.0"], ["CNAME alias."], ["C
 TROUBLES = ["REFUSED", "REFUSED", "NOTIMP", "drop", "SERVFAIL", "FORMERR", "late", "truncated"]
 SERVICES = ["files dns", "files dns", "dns files", "files", "dns", "files myhostname resolve [!UNAVAIL=return] dns"]
 SERVICES += ["mymachines resolve [!UNAVAIL=return] files myhostname dns", "files mdns4_minimal [NOTFOUND=return] dns"]
-OPTIONS = ["rotate", "edns0", "single-request", "single-request-reopen", "trust-ad", "unknown:3", "timeout:3"]
+OPTIONS = ["debug", "edns0", "single-request", "single-request-reopen", "trust-ad", "unknown:3", "timeout:3"]
 
 
 def make_number(pick):
