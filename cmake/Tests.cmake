@@ -13,7 +13,7 @@ endif()
 
 # What the tests take; all that is missing is named at once. pytest is Debian's, or the one that scripts/setup installs
 # where there are no packages of it; -p has it import a module.
-set(programs PYTEST NGINX)
+set(programs PYTEST NGINX OPENSSL)
 if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
   list(APPEND programs FAKETIME STRACE)
 endif()
@@ -24,7 +24,7 @@ foreach(program IN LISTS programs)
     list(APPEND missing ${name})
   endif()
 endforeach()
-foreach(module IN ITEMS xdist trustme h2 dns cryptography)
+foreach(module IN ITEMS xdist h2 dns cryptography)
   execute_process(COMMAND ${PYTEST} -p ${module} --markers RESULT_VARIABLE failed OUTPUT_QUIET ERROR_QUIET)
   if(failed)
     list(APPEND missing "Python's ${module}")
