@@ -24,6 +24,7 @@ foreach(program IN LISTS programs)
     list(APPEND missing ${name})
   endif()
 endforeach()
+set(ENV{PYTHONDONTWRITEBYTECODE} 1)  # nothing is written into the source's folder
 foreach(module IN ITEMS xdist h2 dns cryptography)
   execute_process(COMMAND ${PYTEST} -p ${module} --markers RESULT_VARIABLE failed OUTPUT_QUIET ERROR_QUIET)
   if(failed)

@@ -32,8 +32,9 @@ foreach(language IN ITEMS C CXX ASM)
 endforeach()
 set(CMAKE_CXX_COMPILER ${zig} c++)
 set(CMAKE_STRIP true)  # the linker leaves nothing to strip, and the system's would change the bytes
-set(CMAKE_ASM_COMPILER_ID Clang)  # which CMake cannot find out from zig,
-set(CMAKE_SIZEOF_VOID_P 8)  # nor this: Debian 13's asks with -Wl, which the linker doesn't know
+# CMake can't find these out from zig: Debian 13's asks with -Wl, an option that the linker doesn't know.
+set(CMAKE_ASM_COMPILER_ID Clang)
+set(CMAKE_SIZEOF_VOID_P 8)
 set(ENV{ZIG_GLOBAL_CACHE_DIR} ${cache})  # for what CMake compiles to find out about the compiler
 
 # zig builds its libraries when it links for a target, and shows their paths only in its linker's command line. Called

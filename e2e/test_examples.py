@@ -4,6 +4,7 @@ import os
 import re
 import shutil
 import subprocess
+import sys
 
 import pytest
 from conftest import ENVIRONMENT, REPOSITORY, Answer
@@ -30,7 +31,7 @@ CALLERS = {
     "swiftc": compile_swift,
 }
 
-OPTIONAL = ["node", "swiftc"]
+OPTIONAL = ["node", "swiftc", *["lua5.4"] * (sys.platform == "darwin")]
 
 
 def has(program):

@@ -6,11 +6,12 @@ import re
 import subprocess
 
 import pytest
-from conftest import BUILD, EXECUTABLE, IS_STATIC, OBJECTS, REPOSITORY, TRANSLATOR, impossible_on_macos, only_static
+from conftest import BUILD, EXECUTABLE, IS_STATIC, OBJECTS, REPOSITORY, TRANSLATOR
+from conftest import impossible_on_macos, only_static, unless
 
 pytestmark = impossible_on_macos("no ELF files")
 
-except_static = pytest.mark.skipif(IS_STATIC, reason="not for this build: has zig's libraries")
+except_static = unless(IS_STATIC, "has zig's libraries")
 
 
 def inspect(*command):

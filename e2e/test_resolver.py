@@ -10,7 +10,8 @@ import time
 import libcurl
 import own_network
 import pytest
-from conftest import ENVIRONMENT, EXECUTABLE, IS_STATIC, WEBREQ, Answer, Tool, impossible_under_translator, only_static
+from conftest import ENVIRONMENT, EXECUTABLE, IS_STATIC, WEBREQ, Answer, Tool
+from conftest import impossible_under_translator, only_static, unless
 
 if not own_network.is_possible():
     pytest.skip(own_network.REASON, allow_module_level=True)
@@ -27,9 +28,8 @@ CONNECTION_REFUSED = Answer(b"7\n")
 TIMED_OUT = Answer(b"28\n")
 
 # With threads of its own; the other tests hold all the same.
-one_look_up = pytest.mark.skipif(
-    not IS_STATIC and libcurl.answer("looks each family up by itself"),
-    reason="not for this build: its libcurl looks each family up by itself",
+one_look_up = unless(
+    not IS_STATIC and libcurl.answer("looks each family up by itself"), "its libcurl looks each family up by itself"
 )
 
 
@@ -201,7 +201,7 @@ def test_second_name_server(request_by_name, first, answer):
 
 
 @one_look_up
-@pytest.mark.skipif(IS_STATIC, reason="not for this build: the system's resolver takes its time")
+@unless(IS_STATIC, "the system's resolver takes its time")
 @pytest.mark.parametrize("name_server, least", [(silent, 2 * 2), (dropping(is_for("AAAA"), everywhere), 3 * 2)])
 def test_silent_name_server_outlasts_the_time_out(start, name_server, least):
     """Newer versions of libcurl wait for it, 5 s for each answer unless resolv.conf says otherwise; older ones break

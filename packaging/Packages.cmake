@@ -1,5 +1,8 @@
 # What gets installed, and the packages that CPack makes of it. scripts/package makes all packages.
 set(WEBREQ_MAINTAINER "The webreq authors <webreq@example.org>" CACHE STRING "The packages' maintainer")
+if(DEFINED ENV{WEBREQ_MAINTAINER})  # scripts/package's
+  set(WEBREQ_MAINTAINER $ENV{WEBREQ_MAINTAINER})
+endif()
 
 # The packages' time stamp, unless one is given: the version's date.
 if(NOT DEFINED ENV{SOURCE_DATE_EPOCH})

@@ -31,5 +31,7 @@ execute_process(COMMAND chmod -R u=rwX,go=rX ${files} COMMAND_ERROR_IS_FATAL ANY
 if(CPACK_GENERATOR MATCHES "DEB|RPM")
   file(GLOB compressed ${share}/man/man1/* ${documents}/changelog*)
   execute_process(COMMAND gzip -9n ${compressed} COMMAND_ERROR_IS_FATAL ANY)
+endif()
+if(CPACK_GENERATOR MATCHES "DEB|RPM" AND "$ENV{SOURCE_DATE_EPOCH}")
   execute_process(COMMAND find ${files} -exec touch -h -d @$ENV{SOURCE_DATE_EPOCH} {} + COMMAND_ERROR_IS_FATAL ANY)
 endif()

@@ -89,7 +89,7 @@ def test_files(pattern, tmp_path):
         assert listing(tar) == {prefix + file: facts for file, facts in expected.items()}
 
 
-# An RPM of whatever machine goes into a root of its own, which an ordinary user has where it is root.
+# Installs an RPM for any machine in a root folder of its own; an ordinary user does so in a user namespace.
 AS_ROOT = [] if os.geteuid() == 0 else ["unshare", "--map-root-user"]
 INSTALL_RPM = [*AS_ROOT, "rpm", "--force-debian", "--ignorearch", "--install"]
 

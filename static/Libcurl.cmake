@@ -102,7 +102,8 @@ endfunction()
 # Calls of libcurl's that lead to functions of ours; names.c says why. It uses c-ares's private header.
 function(redirect_calls)
   add_library(redirected STATIC static/names.c)
-  target_compile_options(redirected PRIVATE -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wcast-qual)
+  target_compile_options(redirected PRIVATE
+    -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wcast-qual)
   target_compile_definitions(redirected PRIVATE $<TARGET_PROPERTY:c-ares,COMPILE_DEFINITIONS>)
   target_include_directories(redirected SYSTEM PRIVATE
     $<TARGET_PROPERTY:c-ares,INCLUDE_DIRECTORIES> ${curl_source}/include)
@@ -112,8 +113,8 @@ function(redirect_calls)
     ares_getaddrinfo=webreq_ares_getaddrinfo ares_init_options=webreq_ares_init_options)
 endfunction()
 
-# musl's older allocator, which zig has the source of, in the place of the one that musl takes by default: that one maps
-# and unmaps memory for each group of blocks, 77 times in a small run over TLS. This one has a heap, which it extends.
+# Replaces musl's default allocator, which maps and unmaps memory for each group of blocks (77 times in a small run over
+# TLS), by its older one, which extends one heap; zig has the source.
 function(add_allocator)
   set(musl ${zig_folder}/lib/libc/musl)
   list(TRANSFORM ARGN PREPEND ${musl}/src/malloc/oldmalloc/)

@@ -159,8 +159,8 @@ static void takeServices(Lookup* lookup, const char* database, char* line) {
   }
 }
 
-// Has `take` read a file, line by line. c-ares would take a name's address in the hosts file for that of all names
-// which share a line with it.
+// Has `take` read a file, line by line. c-ares's own reader of the hosts file gives a name's address to all names that
+// share a line with it.
 static void readLines(const char* path, Lookup* lookup, const char* key, void (*take)(Lookup*, const char*, char*)) {
   FILE* const file = fopen(path, "re");
   char* line = NULL;

@@ -206,7 +206,7 @@ std::string RecordingCurl::unreleased() const {
          ", initialisations " + std::to_string(recording.initialisations);
 }
 
-// libcurl's variable arguments follow one that is an enumeration, of which clang warns.
+// clang warns of variable arguments behind an enumeration, as libcurl has them.
 #pragma GCC diagnostic ignored "-Wvarargs"
 
 extern "C" {  // names in parentheses, since <curl/curl.h> also has some of them as macros

@@ -36,10 +36,10 @@ ANSWERS = {
     "byte beyond ASCII in a path": {"7.54.0": b"%c", "7.88.1": b"%%%02x", "8.15.0": b"%%%02X"},
     # The path that it asks for when a "#" in the URL swallows the rest.
     "/x#x#?": {"7.54.0": b"/x", "7.64.1": b"/x#x#?", "7.79.1": b"/x"},
-    # Is the dot left out that ends a name, for which the search domains are then tried?
+    # Is a name's final dot dropped, so that the search domains are tried?
     "leaves a final dot out": {"7.54.0": True, "7.64.1": False},
-    # SOCKS 4, which knows no IPv6, and a name with addresses of both families, or an IPv6 one in the hosts file; with
-    # what is asked of DNS.
+    # SOCKS 4 (IPv4 alone): the answer, and what is asked of DNS, for a name with addresses of both families, and for
+    # one with an IPv6 address in the hosts file.
     "SOCKS 4 and both families": {
         "7.54.0": (b"6\n", ["host.test. A AAAA"]),
         "7.79.1": (b"200\n192.0.2.7\n", ["host.test. A AAAA"]),

@@ -1,5 +1,5 @@
 // Functions of libSystem's where Linux's are different ones: constants, error numbers and opaque objects are macOS's.
-// ../symbols.txt says which is bound to which. A constant not known here is refused, never handed on.
+// ../symbols.txt lists the bindings. A constant not known here is refused, never handed on.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
