@@ -43,10 +43,11 @@ def test_empty_response_leaves_an_empty_file(tool, tmp_path, serve, before):
     assert (tmp_path / "out.txt").read_bytes() == b""
 
 
-def test_failed_request_truncates_the_file_too(tool, tmp_path):
-    (tmp_path / "out.txt").write_bytes(FORMER)
-    assert tool.request("http://||||||out.txt") == Answer(b"3\n")
-    assert (tmp_path / "out.txt").read_bytes() == b""
+def test_failed_request_truncates_the_file_too(tool, tmp_path, refusing):
+    for url, result in (("http://", b"3\n"), (refusing, b"7\n")):
+        (tmp_path / "out.txt").write_bytes(FORMER)
+        assert tool.request(f"{url}||||||out.txt") == Answer(result)
+        assert (tmp_path / "out.txt").read_bytes() == b""
 
 
 def test_partial_body_of_a_failed_request_is_delivered(tool, tmp_path, serve):

@@ -65,9 +65,7 @@ def test_slow_answer_within_the_time_out(tool, serve):
     assert tool.request(f"{server.url}|||||1000") == Answer(b"200\nhalf\0whole\n")
 
 
-preloads = unless(sys.platform != "linux" or IS_STATIC, "preloads a library")
-
-
+preloads = unless(sys.platform != "linux" or IS_STATIC, "faketime preloads a library")
 needs_own_clock = impossible_under_translator("faketime doesn't make the clock faster")
 needs_faketime = pytest.mark.skipif(not shutil.which("faketime"), reason="no faketime here")
 

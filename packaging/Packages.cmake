@@ -65,7 +65,7 @@ set(CPACK_RPM_FILE_NAME RPM-DEFAULT)
 set(CPACK_RPM_PACKAGE_ARCHITECTURE ${CMAKE_SYSTEM_PROCESSOR})
 set(CPACK_RPM_PACKAGE_LICENSE MIT)
 set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION /usr/share/man /usr/share/man/man1)
-# The same bytes wherever and whenever; and no program of this machine's strips or compresses files.
+# The same bytes wherever and whenever; no script of rpmbuild's strips or compresses files.
 set(CPACK_RPM_SPEC_MORE_DEFINE "%define packager %{getenv:WEBREQ_PACKAGER}
 %define _buildhost localhost
 %define use_source_date_epoch_as_buildtime 1

@@ -27,6 +27,10 @@ LIBRARIES = {
     "libunwind": LLVM,
     "compiler-rt": ["MIT", "Zig Software Foundation", LLVM[2]],
 }
+OF_ZIG = {
+    "supplier": "Organization: Zig Software Foundation",
+    "downloadLocation": "https://ziglang.org/download/",
+}
 COMMENTS = {
     "curl": "The executable says -DEV behind this version, as all of upstream's git tags do: its release script alone "
     "writes the final text, and the crate holds a tag's tree.",
@@ -87,7 +91,7 @@ def contents(version, executable):
     of_tool = {"supplier": "Organization: The webreq authors", "licenseDeclared": "MIT", "packageFileName": "webreq"}
     tool = package("webreq-static", version, sums=[hashlib.sha256(executable).hexdigest()], **of_tool)
     crates, (zig_version, zig_sums) = pinned_crates(), pinned_zig()
-    libraries, origins = [], {"ziglang": package("ziglang", zig_version, "pypi", zig_sums)}
+    libraries, origins = [], {"ziglang": package("ziglang", zig_version, "pypi", zig_sums, **OF_ZIG)}
     relationships = [("DOCUMENT", "DESCRIBES", tool["name"])]
     for name in LIBRARIES:
         origin = "ziglang"
@@ -117,4 +121,6 @@ def document(version, executable):
 
 if __name__ == "__main__":
     spdx = document(sys.argv[1], pathlib.Path(sys.argv[2]).read_bytes())
-    pathlib.Path(sys.argv[3]).write_text(json.dumps(spdx, indent=2) + "\n")
+    path = pathlib.Path(sys.argv[3])
+    path.unlink(missing_ok=True)  # root's, where root has installed before
+    path.write_text(json.dumps(spdx, indent=2) + "\n")

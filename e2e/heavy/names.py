@@ -1,4 +1,5 @@
-"""Small worlds, in which the static executable and the one on glibc find the same addresses and ask DNS the same.
+"""Small worlds, in which the static executable and the one on glibc find the same addresses and ask DNS for the same
+names.
 
 "scripts/check static" runs it. Each world is made from its number, by which pytest's -k finds it again: "[17]". WORLDS
 says how many there are. What static/README.md lists as different is in none of them.
@@ -14,7 +15,7 @@ import dns.message
 import name_server
 import own_network
 import pytest
-from conftest import ENVIRONMENT, REPOSITORY, WEBREQ, Tool
+from conftest import ENVIRONMENT, REPOSITORY, WEBREQ, Answer, Tool, only_static
 
 MODEL = REPOSITORY / "build/release/webreq"
 
@@ -132,10 +133,12 @@ def look_up(place, tool, world):
     network = name_server.Network(*[name_server_of(world)] * 2)
     with network.serve(sockets):
         answer = Tool().run_command([*enter, tool, "-web", f"{world['URL']}|||||30000"], env=ENVIRONMENT)
+    assert answer == Answer(answer.stdout) != Answer(b"")
     asked = [entry.split()[0] for entry in network.asked]
     return answer, asked
 
 
+@only_static
 @pytest.mark.skipif(not own_network.is_possible(), reason=own_network.REASON)
 @pytest.mark.parametrize("number", range(int(os.environ.get("WORLDS", 1000))))
 def test_world(place, number):
