@@ -259,6 +259,7 @@ TEST(HeaderLines, AreThePiecesWithAColon) {
       {"a colon as the second byte, a line", "A:", {"A:"}},
       {"the same line twice, two lines", "A: 1\rA: 1", {"A: 1", "A: 1"}},
       {"empty", "", {}},
+      {"no colon, no line", "none\rA: 1", {"A: 1"}},
       {"a line ends at its first NUL byte", "A: 1\0x\rB: 2"s, {"A: 1", "B: 2"}},
       {"a colon behind a NUL byte counts", "A\0: 1"s, {"A"}},
   };
