@@ -22,10 +22,16 @@ if(WEBREQ_STATIC)
 endif()
 install(TARGETS webreq)
 if(WEBREQ_STATIC)
+  # The list for scanners. It is written at every installation, as it has the sum of what is installed.
   install(CODE "if(NOT DEFINED ENV{SOURCE_DATE_EPOCH})
     set(ENV{SOURCE_DATE_EPOCH} $ENV{SOURCE_DATE_EPOCH})
-  endif()")
-  include(static/Contents.cmake)
+  endif()
+  execute_process(
+    COMMAND \"${PROJECT_SOURCE_DIR}/build/tools/bin/python\" \"${PROJECT_SOURCE_DIR}/static/contents.py\"
+      ${PROJECT_VERSION} \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/webreq\"
+      \"${PROJECT_BINARY_DIR}/webreq-static.spdx.json\"
+    COMMAND_ERROR_IS_FATAL ANY)")
+  install(FILES ${PROJECT_BINARY_DIR}/webreq-static.spdx.json DESTINATION ${documents})
 endif()
 configure_file(docs/webreq.1 webreq.1 @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/webreq.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
